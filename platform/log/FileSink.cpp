@@ -66,7 +66,17 @@ void FileSink::writeToFile(Line const& aLine) {
         mFile->flush();
         mLost = 0;
     }
-    mFile->log(toSpdlog(aLine));
+    if (aLine.text.size() > kLongestText) {
+        writeCut(aLine);
+    } else {
+        mFile->log(toSpdlog(aLine));
+    }
+}
+
+void FileSink::writeCut(Line const& aLine) {
+    std::string text(aLine.text.substr(0, kLongestText));
+    text += "... (" + std::to_string(aLine.text.size()) + " characters)";
+    mFile->log(toSpdlog({aLine.severity, aLine.origin, text, aLine.time}));
 }
 
 void FileSink::beginOutage(char const* aReason, std::chrono::steady_clock::time_point aNow) noexcept {

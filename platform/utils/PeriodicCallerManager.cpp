@@ -76,8 +76,6 @@ public:
 private:
     void run(std::shared_ptr<Job> aJob, std::unique_lock<std::mutex>& aLock) {
         mRunning = aJob;
-        auto const passed = (mClock.now() - aJob->next) / aJob->period;
-        aJob->next += (passed + 1) * aJob->period;
         aLock.unlock();
         try {
             aJob->callback();
@@ -87,6 +85,8 @@ private:
             keplaDoLog(Severity::Error, "A periodic call threw an unknown exception", {});
         }
         aLock.lock();
+        auto const passed = (mClock.now() - aJob->next) / aJob->period;
+        aJob->next += (passed + 1) * aJob->period;
         mRunning.reset();
         mFinished.notify_all();
         // What the callback owns goes without the lock: it may own a handle, whose destructor takes it.

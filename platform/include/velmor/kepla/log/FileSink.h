@@ -36,6 +36,8 @@ public:
     static constexpr std::chrono::seconds kRetryInterval{10};
     static constexpr std::chrono::seconds kFlushInterval{1};
     static constexpr std::size_t kRotatedFiles = 3;
+    /// Longer texts are cut: a line must not push everything else out of a rotating file.
+    static constexpr std::size_t kLongestText = std::size_t{64} * 1024;
 
     /// @param aPath       The file.
     /// @param aRotateKiB  Size in KiB at which it is rotated; 0: never.
@@ -52,6 +54,7 @@ public:
 
 private:
     void writeToFile(Line const& aLine);
+    void writeCut(Line const& aLine);
     void beginOutage(char const* aReason, std::chrono::steady_clock::time_point aNow) noexcept;
 
     std::filesystem::path mPath;
