@@ -104,23 +104,26 @@ void Configuration::shutdown() noexcept {
 }
 
 void Configuration::deliver(Line const& aLine) noexcept {
-    auto const configuration = current();
-    if (configuration == nullptr) {
-        return;
-    }
-    for (SinkAtLevel const& sink : configuration->mSinks) {
-        if (aLine.severity <= sink.level) {
-            sink.sink->write(aLine);
-        }
+    if (auto const configuration = current()) {
+        configuration->toSinks(aLine);
     }
 }
 
 void Configuration::receive(Line const& aLine) noexcept {
-    auto const configuration = current();
-    if (configuration != nullptr && configuration->mReceiver != nullptr) {
-        configuration->mReceiver->write(aLine);
-    } else {
-        deliver(aLine);
+    if (auto const configuration = current()) {
+        if (configuration->mReceiver != nullptr) {
+            configuration->mReceiver->write(aLine);
+        } else {
+            configuration->toSinks(aLine);
+        }
+    }
+}
+
+void Configuration::toSinks(Line const& aLine) const noexcept {
+    for (SinkAtLevel const& sink : mSinks) {
+        if (aLine.severity <= sink.level) {
+            sink.sink->write(aLine);
+        }
     }
 }
 

@@ -86,6 +86,7 @@ private:
     static std::shared_ptr<Configuration> install(std::shared_ptr<LoggerImplInterface> aReceiver,
                                                   std::vector<SinkAtLevel> aSinks);
     static std::shared_ptr<Configuration> current() noexcept;
+    void toSinks(Line const& aLine) const noexcept;
 
     std::shared_ptr<LoggerImplInterface> mReceiver;
     std::vector<SinkAtLevel> mSinks;

@@ -6,7 +6,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 namespace velmor::kepla::utils {
 
@@ -32,17 +31,18 @@ public:
     /// @throws std::runtime_error "Requested enum value not found."  for a value without a text.
     static constexpr std::string_view to_string(T aValue) {
         auto const& texts = EnumTexts<T>::kTexts;
-        // Most tables stand in the order of their values from 0 on: then the value is the row.
-        auto const row = static_cast<std::size_t>(static_cast<std::underlying_type_t<T>>(aValue));
-        if (row < texts.size() && texts[row].value == aValue) {
-            return texts[row].text;
-        }
-        for (EnumText<T> const& entry : texts) {
-            if (entry.value == aValue) {
-                return entry.text;
+        if constexpr (kRowsAreValues) {
+            if (auto const row = static_cast<std::size_t>(aValue); row < texts.size()) [[likely]] {
+                return texts[row].text;
+            }
+        } else {
+            for (EnumText<T> const& entry : texts) {
+                if (entry.value == aValue) {
+                    return entry.text;
+                }
             }
         }
-        throw std::runtime_error("Requested enum value not found.");
+        refuse();
     }
 
     /// @return The value of a text; upper and lower case differ.
@@ -53,8 +53,22 @@ public:
                 return entry.value;
             }
         }
-        throw std::runtime_error("Requested enum value not found.");
+        refuse();
     }
+
+private:
+    /// Most tables stand in the order of their values from 0 on: then a value is its row.
+    static constexpr bool kRowsAreValues = [] {
+        std::size_t row = 0;
+        for (EnumText<T> const& entry : EnumTexts<T>::kTexts) {
+            if (static_cast<std::size_t>(entry.value) != row++) {
+                return false;
+            }
+        }
+        return true;
+    }();
+
+    [[noreturn, gnu::cold]] static void refuse() { throw std::runtime_error("Requested enum value not found."); }
 };
 
 } // namespace velmor::kepla::utils
