@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <glibmm/main.h>
+#include <glibmm/utility.h>
 
 namespace velmor::platform::dbus {
 
@@ -21,12 +22,17 @@ Glib::RefPtr<Gio::DBus::Connection> connect(std::string const& aAddress,
         return Gio::DBus::Connection::create_for_address_sync(
             aAddress, aCancellable, Flags::AUTHENTICATION_CLIENT | Flags::MESSAGE_BUS_CONNECTION);
     } catch (Glib::Error const& error) {
-        std::string const reason = aCancellable->is_cancelled() ? "no answer in time" : error.what();
+        std::string const reason = aCancellable->is_cancelled() ? "no answer in time" : wordsOf(error);
         throw std::runtime_error("Cannot connect to the D-Bus at '" + aAddress + "': " + reason);
     }
 }
 
 } // namespace
+
+std::string wordsOf(Glib::Error const& aError) {
+    // GLib's own thread may have written them: copied by GLib, whose locks the thread sanitizer cannot see.
+    return Glib::make_unique_ptr_gfree(g_strdup(aError.what())).get();
+}
 
 BusConnection::BusConnection(std::string const& aAddress,
                              Glib::RefPtr<Gio::Cancellable> const& aCancellable,

@@ -7,8 +7,12 @@
 
 #include <giomm/cancellable.h>
 #include <giomm/dbusconnection.h>
+#include <glibmm/error.h>
 
 namespace velmor::platform::dbus {
+
+/// @return The words of a GLib error.
+std::string wordsOf(Glib::Error const& aError);
 
 /// A connection by address, shared with nobody, so that its end really closes it. To be made, used and
 /// destroyed on one BusThread.

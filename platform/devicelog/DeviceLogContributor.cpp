@@ -27,6 +27,7 @@ namespace {
 using velmor::kepla::log::Severity;
 using velmor::platform::dbus::BusConnection;
 using velmor::platform::dbus::BusThread;
+using velmor::platform::dbus::wordsOf;
 
 constexpr std::chrono::seconds kPublishLimit{3};
 constexpr std::chrono::seconds kWithdrawLimit{1};
@@ -154,7 +155,7 @@ private:
         } catch (Glib::Error const& error) {
             mPublication.reset();
             throw std::runtime_error("Cannot publish the device log as '" + mBusName + "' on the D-Bus at '" +
-                                     mAddress + "': " + error.what());
+                                     mAddress + "': " + wordsOf(error));
         } catch (...) {
             mPublication.reset();
             throw;
@@ -182,7 +183,8 @@ private:
                     Glib::VariantContainerBase::create_tuple(Glib::Variant<Glib::ustring>::create(mBusName)),
                     aCancel);
         } catch (Glib::Error const& error) {
-            keplaDoLog(Severity::Debug, "Device log name '%s' not released: %s", {}, mBusName, error.what());
+            keplaDoLog(Severity::Debug, "Device log name '%s' not released: %s", {}, mBusName,
+                       wordsOf(error));
         }
         mPublication.reset();
     }
@@ -213,7 +215,7 @@ private:
                 Glib::VariantContainerBase::create_tuple(
                     Glib::Variant<Status>::create(Status(busText(aText), aStatus))));
         } catch (Glib::Error const& error) {
-            keplaDoLog(Severity::Warning, "Cannot tell the end of createLog: %s", {}, error.what());
+            keplaDoLog(Severity::Warning, "Cannot tell the end of createLog: %s", {}, wordsOf(error));
         }
     }
 

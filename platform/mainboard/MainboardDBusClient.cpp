@@ -18,6 +18,7 @@ namespace {
 
 using velmor::platform::dbus::BusConnection;
 using velmor::platform::dbus::BusThread;
+using velmor::platform::dbus::wordsOf;
 
 constexpr char const* kBusName = "com.velmor.q47.mainboarddaemon";
 constexpr char const* kObjectPath = "/com/velmor/q47/mainboarddaemon";
@@ -68,16 +69,23 @@ private:
             [&](Glib::RefPtr<Gio::Cancellable> const& aCancellable) {
                 try {
                     aTask(aCancellable);
+                } catch (Glib::Error const& error) {
+                    fail(aMethod, *aCancellable.get(), wordsOf(error));
                 } catch (std::exception const& error) {
-                    std::string const reason =
-                        aCancellable->is_cancelled()
-                            ? "no answer within " + std::to_string(mTimeLimit.count()) + " ms"
-                            : error.what();
-                    throw std::runtime_error(std::string("Main board call ") + aMethod + " to " + kBusName +
-                                             " at '" + mAddress + "' failed: " + reason);
+                    fail(aMethod, *aCancellable.get(), error.what());
                 }
             },
             mTimeLimit);
+    }
+
+    [[noreturn]] void fail(char const* aMethod,
+                           Gio::Cancellable const& aCancellable,
+                           std::string const& aReason) const {
+        throw std::runtime_error(std::string("Main board call ") + aMethod + " to " + kBusName + " at '" +
+                                 mAddress + "' failed: " +
+                                 (aCancellable.is_cancelled()
+                                      ? "no answer within " + std::to_string(mTimeLimit.count()) + " ms"
+                                      : aReason));
     }
 
     /// A connection whose bus has gone is found out only by its use. The call is then made once more on a new

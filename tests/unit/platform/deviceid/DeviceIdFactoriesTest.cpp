@@ -17,14 +17,14 @@ using velmor::kepla::deviceid::DeviceIdServiceFactory;
 
 TEST(DeviceIdClient, IsTheBackendsReader) {
     FakeBackendScope const backend;
-    auto const reader = std::make_shared<DeviceIdDirectory>("/nowhere");
+    auto reader = std::make_shared<DeviceIdDirectory>("/nowhere");
     backend->deviceIdClientDoor = [&] { return reader; };
     EXPECT_EQ(DeviceIdClient::make_client(), reader);
 }
 
 TEST(DeviceIdServiceFactory, AsksTheBackendForAContributorInItsName) {
     FakeBackendScope const backend;
-    auto const writer = std::make_shared<DeviceIdDirectory>("/nowhere");
+    auto writer = std::make_shared<DeviceIdDirectory>("/nowhere");
     std::string service;
     backend->deviceIdContributorDoor = [&](std::string const& aService) {
         service = aService;

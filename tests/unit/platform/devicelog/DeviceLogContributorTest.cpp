@@ -50,7 +50,7 @@ TEST(DeviceLogContributor, AsksForTheBusThatIsMeant) {
 
 TEST(DeviceLogContributor, NamesTheAddressOfAMissingBusAndLeavesNothingBehind) {
     TemporaryDirectory const folder;
-    std::string const address = "unix:path=" + (folder.path() / "no bus").string();
+    std::string address = "unix:path=" + (folder.path() / "no bus").string();
     FakeBackendScope const backend;
     backend->deviceLogBusAddressDoor = [&](bool) { return address; };
     auto const open = [] { DeviceLogContributor const contributor(doNothing, "A", BusType::SYSTEM); };

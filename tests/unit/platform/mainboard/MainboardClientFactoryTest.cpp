@@ -24,7 +24,7 @@ public:
 
 TEST(MainboardClientFactory, HandsOutTheBackendsMainboard) {
     FakeBackendScope const backend;
-    auto const mainboard = std::make_shared<SilentMainboard>();
+    auto mainboard = std::make_shared<SilentMainboard>();
     backend->mainboardDoor = [&] { return mainboard; };
     EXPECT_EQ(MainboardClientFactory().mainboardClient(), mainboard);
 }
