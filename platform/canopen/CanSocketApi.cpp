@@ -58,7 +58,7 @@ public:
         return ::bind(aSocket, static_cast<sockaddr*>(untyped), sizeof(address));
     }
 
-    ssize_t read(int aSocket, can_frame& aFrame, unsigned& aDropped) override {
+    ssize_t read(int aSocket, bool aWait, can_frame& aFrame, unsigned& aDropped) override {
         iovec part{&aFrame, sizeof(aFrame)};
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof(aDropped))];
         msghdr message{};
@@ -66,7 +66,7 @@ public:
         message.msg_iovlen = 1;
         message.msg_control = control;
         message.msg_controllen = sizeof(control);
-        ssize_t const result = ::recvmsg(aSocket, &message, MSG_DONTWAIT);
+        ssize_t const result = ::recvmsg(aSocket, &message, aWait ? 0 : MSG_DONTWAIT);
         if (result >= 0) {
             for (cmsghdr* note = CMSG_FIRSTHDR(&message); note != nullptr;
                  note = CMSG_NXTHDR(&message, note)) {

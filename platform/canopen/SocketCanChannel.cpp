@@ -16,6 +16,7 @@
 #include <net/if.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace velmor::kepla::canopen {
@@ -28,6 +29,10 @@ namespace {
 /// Pause between two attempts to put a frame into a full queue: about eight frames leave meanwhile at
 /// 1 Mbit/s.
 constexpr Clock::Duration kQueuePause = std::chrono::milliseconds(1);
+
+/// How long a receive sleeps in the read itself before it waits for the socket and for an interrupt together:
+/// an answer that comes within this time costs one system call instead of two.
+constexpr Clock::Duration kReadPatience = std::chrono::milliseconds(10);
 
 constexpr canid_t kFunctionCode = 0x780U | CAN_EFF_FLAG | CAN_RTR_FLAG; ///< Everything but the node.
 
@@ -155,9 +160,11 @@ std::shared_ptr<SocketCanChannel::Socket> SocketCanChannel::openSocket() const {
         refuse(CanLinkError::Reason::BusOff, "The controller is bus-off");
     }
     int const tellDrops = 1;
+    timeval const patience{0, std::chrono::duration_cast<std::chrono::microseconds>(kReadPatience).count()};
     check(mApi->setOption(descriptor, SOL_CAN_RAW, CAN_RAW_FILTER, kWanted.data(), sizeof(kWanted)));
     check(mApi->setOption(descriptor, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &kErrors, sizeof(kErrors)));
     check(mApi->setOption(descriptor, SOL_SOCKET, SO_RXQ_OVFL, &tellDrops, sizeof(tellDrops)));
+    check(mApi->setOption(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience)));
     check(mApi->bind(descriptor, index));
     return socket;
 }
@@ -217,37 +224,52 @@ void SocketCanChannel::send(CanFrame const& aFrame) {
 
 std::optional<CanFrame> SocketCanChannel::receive(Clock::Duration aTimeout) {
     Clock::TimePoint const deadline = deadlineAfter(mClock.now(), aTimeout);
-    Clock::Duration left = aTimeout;
-    while (!mInterrupted.exchange(false)) {
+    for (Clock::Duration left = aTimeout;; left = deadline - mClock.now()) {
+        if (mInterrupted.load() && mInterrupted.exchange(false)) {
+            return std::nullopt;
+        }
         std::shared_ptr<Socket> const socket = current();
-        std::array<pollfd, 2> entries{{{socket->descriptor, POLLIN, 0}, {mWake->descriptor, POLLIN, 0}}};
-        int const ready = mApi->poll(entries.data(), entries.size(), pollTimeout(left));
-        if (ready < 0 && errno != EINTR) {
-            fail(socket, errno);
-        }
-        if (ready > 0 && entries[1].revents != 0) {
-            mWake->clear();
-        }
-        if (ready > 0 && entries[0].revents != 0) {
-            if (std::optional<CanFrame> frame = take(socket)) {
+        if (left >= kReadPatience) {
+            if (std::optional<CanFrame> frame = take(socket, true)) {
                 return frame;
             }
+            left = deadline - mClock.now();
         }
-        left = deadline - mClock.now();
-        if (left <= Clock::Duration::zero()) {
-            mInterrupted.exchange(false);
+        if (waitReadable(socket, left)) {
+            if (std::optional<CanFrame> frame = take(socket, false)) {
+                return frame;
+            }
+        } else if (left <= Clock::Duration::zero()) {
             return std::nullopt;
         }
     }
-    return std::nullopt;
 }
 
-/// Takes one frame that is ready.
-/// @return None when it was not one for the caller.
-std::optional<CanFrame> SocketCanChannel::take(std::shared_ptr<Socket> const& aSocket) {
+/// Waits until the socket has something to read, or another thread wants this one to look up.
+/// @return Whether it has.
+bool SocketCanChannel::waitReadable(std::shared_ptr<Socket> const& aSocket, Clock::Duration aTime) {
+    std::array<pollfd, 2> entries{{{aSocket->descriptor, POLLIN, 0}, {mWake->descriptor, POLLIN, 0}}};
+    int const ready = mApi->poll(entries.data(), entries.size(), pollTimeout(aTime));
+    if (ready < 0) {
+        int const error = errno;
+        if (error != EINTR) {
+            fail(aSocket, error);
+        }
+        return false;
+    }
+    if (entries[1].revents != 0) {
+        mWake->clear();
+    }
+    return entries[0].revents != 0;
+}
+
+/// Takes one frame.
+/// @param aWait  Whether to wait a moment for it.
+/// @return None when there was none for the caller.
+std::optional<CanFrame> SocketCanChannel::take(std::shared_ptr<Socket> const& aSocket, bool aWait) {
     can_frame frame{};
     unsigned dropped = aSocket->dropped;
-    ssize_t const size = mApi->read(aSocket->descriptor, frame, dropped);
+    ssize_t const size = mApi->read(aSocket->descriptor, aWait, frame, dropped);
     if (size < 0) {
         int const error = errno;
         if (error == EAGAIN || error == EINTR) {

@@ -2,6 +2,9 @@
 // Access to the object dictionary of one CANopen node.
 #pragma once
 
+#include <velmor/kepla/canopen/CanLinkError.h>
+#include <velmor/kepla/canopen/SdoError.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -20,10 +23,11 @@ namespace velmor::kepla::canopen {
 /// the same time.
 ///
 /// All operations but nodeId() throw
-///  - SdoError         with node, index, subindex and words when the node refuses (abort), does not answer in
-///                     time, or answers with a wrong size or against the protocol;
-///  - CanLinkError     when the link to the bus is broken.
-/// Both are std::runtime_error.
+///  - SdoAbortError     when the node refuses,
+///  - SdoTimeoutError   when it does not answer in time,
+///  - SdoProtocolError  when it answers with a wrong size or against the protocol,
+///  - CanLinkError      when the link to the bus is broken.
+/// The first three carry node, index and subindex; all are std::runtime_error.
 class CanOpenNodeClientIfc {
 public:
     virtual ~CanOpenNodeClientIfc() = default;

@@ -12,7 +12,7 @@
 namespace velmor::kepla::canopen {
 
 /// Raw CAN sockets as the kernel offers them. Every operation behaves like the system call that it wraps: a
-/// negative result means failure and errno tells why. Nothing here retries, waits (but poll) or throws.
+/// negative result means failure and errno tells why. Nothing here retries or throws.
 ///
 /// May be called from any thread.
 class CanSocketApi {
@@ -41,13 +41,14 @@ public:
     /// bind(2) to an interface.
     virtual int bind(int aSocket, int aInterfaceIndex) = 0;
 
-    /// Takes one frame out of the socket without waiting.
+    /// Takes one frame out of the socket.
+    /// @param aWait     Whether to wait for one, at most for the socket's SO_RCVTIMEO.
     /// @param aFrame    Where the frame goes.
     /// @param aDropped  Where the count of frames goes that the kernel has dropped on this socket so far;
     /// left
     ///                  alone when the kernel does not tell.
     /// @return The bytes read; EAGAIN when there is no frame.
-    virtual ssize_t read(int aSocket, can_frame& aFrame, unsigned& aDropped) = 0;
+    virtual ssize_t read(int aSocket, bool aWait, can_frame& aFrame, unsigned& aDropped) = 0;
 
     /// Gives one frame to the kernel without waiting.
     /// @return The bytes written; EAGAIN or ENOBUFS when the kernel's queue is full.

@@ -52,7 +52,8 @@ private:
     std::shared_ptr<Socket> current();
     void giveUp(std::shared_ptr<Socket> const& aSocket);
     [[noreturn]] void fail(std::shared_ptr<Socket> const& aSocket, int aError);
-    std::optional<CanFrame> take(std::shared_ptr<Socket> const& aSocket);
+    bool waitReadable(std::shared_ptr<Socket> const& aSocket, velmor::platform::Clock::Duration aTime);
+    std::optional<CanFrame> take(std::shared_ptr<Socket> const& aSocket, bool aWait);
     void heed(std::shared_ptr<Socket> const& aSocket, can_frame const& aErrorFrame);
 
     std::string const mName;
