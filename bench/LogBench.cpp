@@ -51,7 +51,8 @@ private:
     std::filesystem::path mFile;
 };
 
-std::shared_ptr<spdlog::logger> spdlogLogger(std::filesystem::path const& aFile, spdlog::level::level_enum aLevel) {
+std::shared_ptr<spdlog::logger> spdlogLogger(std::filesystem::path const& aFile,
+                                             spdlog::level::level_enum aLevel) {
     auto logger = std::make_shared<spdlog::logger>(
         "Lock/LockShimTargetTemperatureRegulator",
         std::make_shared<spdlog::sinks::rotating_file_sink_mt>(aFile.string(), kRotateKiB * 1024UL, 3));

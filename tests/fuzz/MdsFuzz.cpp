@@ -15,9 +15,9 @@ namespace {
 /// Reads a value in every way; a value that is not of the kind is refused, nothing else may happen.
 void readValue(MdsGroup const& aGroup, unsigned int aIndex) {
     using Read = void (*)(MdsGroup const&, unsigned int);
-    for (Read const read : {Read([](MdsGroup const& g, unsigned int i) { (void)g.asDouble(i); }),
-                            Read([](MdsGroup const& g, unsigned int i) { (void)g.asInt(i); }),
-                            Read([](MdsGroup const& g, unsigned int i) { (void)g.asUnsignedInt(i); })}) {
+    for (Read const read : {Read([](MdsGroup const&g, unsigned int i) { (void)g.asDouble(i); }),
+                            Read([](MdsGroup const&g, unsigned int i) { (void)g.asInt(i); }),
+                            Read([](MdsGroup const&g, unsigned int i) { (void)g.asUnsignedInt(i); })}) {
         try {
             read(aGroup, aIndex);
         } catch (std::logic_error const&) {

@@ -68,7 +68,9 @@ private:
         return true;
     }();
 
-    [[noreturn, gnu::cold]] static void refuse() { throw std::runtime_error("Requested enum value not found."); }
+    [[noreturn, gnu::cold]] static void refuse() {
+        throw std::runtime_error("Requested enum value not found.");
+    }
 };
 
 } // namespace velmor::kepla::utils

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+// Opening the library where the options say, and leaving nothing behind.
+#include "apps/fieldwarden/Session.h"
+
+#include "apps/fieldwarden/WrongUsage.h"
+#include "simulator/instrument/Instrument.h"
+#include "simulator/instrument/SimulatedBackend.h"
+
+#include <fieldwarden/FieldwardenInterface.h>
+#include <velmor/kepla/log/Configuration.h>
+#include <velmor/platform/Backend.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include <stdlib.h>
+
+namespace libfieldwarden::app {
+
+using velmor::kepla::log::Configuration;
+using velmor::platform::Backend;
+
+/// A folder of the run's own, removed with all that is in it.
+class Session::ScratchDirectory {
+public:
+    ScratchDirectory() {
+        std::string name = (std::filesystem::temp_directory_path() / "fieldwarden-XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(),
+                                    "Cannot make a folder like '" + name + "'");
+        }
+        mPath = name;
+    }
+    ~ScratchDirectory() {
+        std::error_code leftBehind;
+        std::filesystem::remove_all(mPath, leftBehind);
+    }
+    ScratchDirectory(ScratchDirectory const&) = delete;
+    ScratchDirectory& operator=(ScratchDirectory const&) = delete;
+
+    std::filesystem::path const& path() const noexcept { return mPath; }
+
+private:
+    std::filesystem::path mPath;
+};
+
+Session::Session(SessionOptions const& aOptions) {
+    if (aOptions.lock == LockKind::Mock) {
+        mMockDirectory.emplace();
+    } else if (std::filesystem::exists(MockDirectory::path())) {
+        throw WrongUsage("the real lock is not to be had while '" + MockDirectory::path().string() +
+                         "' exists; remove it with 'rm -r " + MockDirectory::path().string() +
+                         "', or use --lock mock");
+    }
+    if (aOptions.simulate) {
+        openOnSimulation(aOptions);
+    } else {
+        openOnInstrument(aOptions);
+    }
+    mLibrary = FieldwardenInterface::getInstance();
+}
+
+void Session::openOnInstrument(SessionOptions const& aOptions) {
+    if (!aOptions.dataDirectory) {
+        FieldwardenInterface::openInterface();
+        return;
+    }
+    FieldwardenInterface::openInterface("can0", "/etc/libfieldwarden", "/data/factory",
+                                        "/usr/share/firmware/Q47ShimBoard", "/opt/panorin/conf/instr/spect",
+                                        "/usr/share/firmware/Q47TemperatureBoard",
+                                        aOptions.dataDirectory->string());
+}
+
+void Session::openOnSimulation(SessionOptions const& aOptions) {
+    if (!aOptions.dataDirectory) {
+        mScratch = std::make_unique<ScratchDirectory>();
+    }
+    mInstrument = std::make_shared<sim::Instrument>(sim::Instrument::Options{
+        aOptions.dataDirectory ? *aOptions.dataDirectory : mScratch->path(), aOptions.timeScale});
+    Backend::use(sim::makeSimulatedBackend(mInstrument));
+    sim::Folders const& folders = mInstrument->folders();
+    Configuration::redirectFiles(folders.root);
+    FieldwardenInterface::openInterface("can0", folders.config.string(), folders.factory.string(),
+                                        folders.shimFirmware.string(), folders.spectrometer.string(),
+                                        folders.tempFirmware.string(), folders.data.string());
+}
+
+Session::~Session() {
+    try {
+        close();
+    } catch (std::exception const&) {
+        // The error that brought us here is the one to tell.
+    }
+    if (mInstrument != nullptr) {
+        Configuration::shutdown();
+        Configuration::redirectFiles({});
+        Backend::use(nullptr);
+    }
+}
+
+void Session::close() {
+    if (std::exchange(mLibrary, nullptr) != nullptr) {
+        FieldwardenInterface::closeInterface();
+    }
+}
+
+} // namespace libfieldwarden::app

@@ -1,0 +1,205 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""The command as its user meets it: on a terminal, through a pipe, with wrong input, and with Ctrl-C.
+
+usage: test_command.py PROGRAM [unittest arguments]
+"""
+import json
+import os
+import pathlib
+import pty
+import select
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+PROGRAM = None
+MOCK = pathlib.Path('/tmp/lockmock')
+LONG = 60  # seconds that nothing here needs, but a slow machine might
+
+
+def start(*arguments, **options):
+    options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, 'text': True, **options}
+    return subprocess.Popen([PROGRAM, *arguments], **options)
+
+
+def run(*arguments):
+    """Runs to the end: exit code, standard output, standard error."""
+    process = start(*arguments)
+    out, err = process.communicate(timeout=LONG)
+    return process.returncode, out, err
+
+
+def lines_until(process, wanted):
+    """Reads standard output up to the first line that `wanted` takes; gives that line."""
+    for line in process.stdout:
+        if wanted(line):
+            return line
+    raise AssertionError('the output ended first: ' + process.stderr.read())
+
+
+class WithoutMockDirectory(unittest.TestCase):
+    def setUp(self):
+        if MOCK.exists():
+            self.fail(f'{MOCK} is in the way of these tests; remove it first')
+
+
+class Arguments(WithoutMockDirectory):
+    def assert_refused(self, arguments, words):
+        code, out, err = run(*arguments)
+        self.assertEqual(code, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn(words, err)
+        return err
+
+    def test_version_and_help_go_to_standard_output(self):
+        code, out, err = run('--version')
+        self.assertEqual((code, err), (0, ''))
+        self.assertRegex(out, r'^fieldwarden \d+\.\d+\.\d+\n$')
+        for arguments in (['--help'], ['run', '--help']):
+            code, out, err = run(*arguments)
+            self.assertEqual((code, err), (0, ''))
+            self.assertIn('--help', out)
+
+    def test_wrong_arguments_end_with_the_reason_and_the_usage(self):
+        for arguments, words in ((['fly'], 'fly'), ([], 'subcommand'), (['run', '--time-scale', '0'], '--time-scale'),
+                                 (['run', '--for', 'soon'], 'soon'), (['run', '--for', '-1'], '--for'),
+                                 (['run', '--lock', 'none'], 'none'), (['run', '--faster'], '--faster')):
+            self.assertIn('usage: fieldwarden', self.assert_refused(arguments, words))
+
+    def test_a_time_scale_without_simulation_is_refused(self):
+        self.assert_refused(['run', '--time-scale', '10', '--lock', 'mock'], '--time-scale goes with --simulate')
+        self.assertFalse(MOCK.exists())
+
+    def test_the_real_lock_is_refused_while_the_mock_directory_exists(self):
+        MOCK.mkdir()
+        try:
+            self.assert_refused(['run', '--simulate', '--lock', 'real'], 'rm -r /tmp/lockmock')
+        finally:
+            MOCK.rmdir()
+
+    def test_a_data_folder_that_cannot_be_made_is_an_error_that_names_it(self):
+        with tempfile.NamedTemporaryFile() as file:
+            code, out, err = run('run', '--simulate', '--for', '0', '--data', file.name + '/x')
+            self.assertEqual(code, 1)
+            self.assertIn(file.name, err)
+
+
+class Run(WithoutMockDirectory):
+    def test_opens_and_closes_and_leaves_nothing_behind(self):
+        code, out, err = run('run', '--simulate', '--for', '0.2')
+        self.assertEqual(code, 0, err)
+        self.assertIn('open on the simulated instrument, lock: mock', out)
+        self.assertIn('closed', out)
+        self.assertRegex(err, r'fieldwarden: closed after \d+\.\d s, 2 events\n$')
+        self.assertFalse(MOCK.exists())
+
+    def test_shows_a_warning_within_two_seconds(self):
+        process = start('run', '--simulate', '--json')
+        lines_until(process, lambda line: '"opened"' in line)
+        written = time.monotonic()
+        (MOCK / 'warnings').write_text('magnet too warm\n')
+        event = json.loads(lines_until(process, lambda line: 'warningsChanged' in line))
+        self.assertLess(time.monotonic() - written, 2.0)
+        self.assertEqual(event['source'], 'lock')
+        self.assertEqual(event['schema'], 1)
+        self.assertEqual(event['warnings'], 'magnet too warm\n')
+        self.assertEqual(event['criticalWarnings'], '')
+        process.send_signal(signal.SIGINT)
+        out, err = process.communicate(timeout=LONG)
+        self.assertEqual(process.returncode, 0)
+        self.assertIn('Ctrl-C, closing', err)
+        self.assertEqual(json.loads(out.splitlines()[-1])['event'], 'closed')
+        self.assertFalse(MOCK.exists())
+
+    def test_closes_in_order_on_sigterm(self):
+        process = start('run', '--simulate')
+        lines_until(process, lambda line: 'open on' in line)
+        process.terminate()
+        out, err = process.communicate(timeout=LONG)
+        self.assertEqual(process.returncode, 0)
+        self.assertIn('SIGTERM, closing', err)
+        self.assertIn('closed', out)
+
+    def test_closes_in_order_when_the_reader_of_its_output_goes(self):
+        process = start('run', '--simulate', '--json')
+        lines_until(process, lambda line: '"opened"' in line)
+        process.stdout.close()
+        (MOCK / 'warnings').write_text('unread')
+        self.assertEqual(process.wait(LONG), 0)
+        process.stderr.close()
+        self.assertFalse(MOCK.exists())
+
+    def test_uses_a_mock_directory_that_is_there_and_leaves_it(self):
+        MOCK.mkdir()
+        (MOCK / 'critical_warnings').write_text('quench')
+        try:
+            code, out, err = run('run', '--simulate', '--json', '--for', '2.5')
+            self.assertEqual(code, 0, err)
+            warned = [json.loads(line) for line in out.splitlines() if 'warningsChanged' in line]
+            self.assertEqual([event['criticalWarnings'] for event in warned], ['quench'])
+            self.assertTrue((MOCK / 'critical_warnings').exists())
+        finally:
+            (MOCK / 'critical_warnings').unlink()
+            MOCK.rmdir()
+
+    def test_keeps_what_somebody_else_put_into_the_mock_directory(self):
+        process = start('run', '--simulate')
+        lines_until(process, lambda line: 'open on' in line)
+        (MOCK / 'notes').write_text('mine')
+        process.terminate()
+        process.communicate(timeout=LONG)
+        try:
+            self.assertEqual([path.name for path in MOCK.iterdir()], ['notes'])
+        finally:
+            (MOCK / 'notes').unlink(missing_ok=True)
+            MOCK.rmdir()
+
+    def test_keeps_its_files_in_the_data_folder(self):
+        with tempfile.TemporaryDirectory() as folder:
+            code, out, err = run('run', '--simulate', '--for', '0', '--data', folder)
+            self.assertEqual(code, 0, err)
+            root = pathlib.Path(folder)
+            self.assertTrue((root / 'data/deviceids/magnet.mds').is_file())
+            self.assertIn('actually closed', (root / 'var/log/libFieldwarden.log').read_text())
+            self.assertIn('MOCK', (root / 'data/logs/libFieldwarden.nvlog').read_text())
+
+    def test_a_library_error_ends_with_its_words(self):
+        # The real instrument is not here: no CAN interface.
+        code, out, err = run('run', '--lock', 'mock')
+        self.assertEqual((code, out), (1, ''))
+        self.assertIn("CAN interface 'can0'", err)
+        self.assertFalse(MOCK.exists())
+
+
+class Terminal(WithoutMockDirectory):
+    def output_on_terminal(self, environment):
+        """What a run shows on a terminal of its own."""
+        leader, follower = pty.openpty()
+        process = start('run', '--simulate', '--for', '0.2', stdout=follower, env={**os.environ, **environment})
+        os.close(follower)
+        shown = b''
+        while select.select([leader], [], [], LONG)[0]:
+            try:
+                piece = os.read(leader, 4096)
+            except OSError:  # the terminal has lost its last writer
+                break
+            if not piece:
+                break
+            shown += piece
+        os.close(leader)
+        process.communicate(timeout=LONG)
+        return shown
+
+    def test_colours_on_a_terminal_only_and_never_with_no_color(self):
+        self.assertIn(b'\x1b[', self.output_on_terminal({'NO_COLOR': ''}))
+        self.assertNotIn(b'\x1b[', self.output_on_terminal({'NO_COLOR': '1'}))
+        self.assertNotIn('\x1b[', run('run', '--simulate', '--for', '0.2')[1])
+
+
+if __name__ == '__main__':
+    PROGRAM = sys.argv.pop(1)
+    unittest.main(verbosity=2)
