@@ -52,10 +52,10 @@ struct DataLoggerChannelSummary {
 
 /// Which rows are wanted. Times are included.
 struct DataLoggerQuery {
-    std::optional<std::chrono::system_clock::time_point> since;
-    std::optional<std::chrono::system_clock::time_point> until;
-    std::optional<std::size_t> limit; ///< At most so many rows.
-    bool newest = false;              ///< Whether the limit keeps the newest rows rather than the oldest.
+    std::optional<std::chrono::system_clock::time_point> since = std::nullopt;
+    std::optional<std::chrono::system_clock::time_point> until = std::nullopt;
+    std::optional<std::size_t> limit = std::nullopt; ///< At most so many rows.
+    bool newest = false; ///< Whether the limit keeps the newest rows rather than the oldest.
 };
 
 /// A reader of the data logger's file. It changes nothing in it and never hinders the writer, not even while
