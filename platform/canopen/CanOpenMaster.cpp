@@ -70,6 +70,9 @@ struct CanOpenMaster::Node final : SdoFrameSink {
 
     explicit Node(CanOpenMaster& aMaster)
         : master(aMaster) {}
+    virtual ~Node() = default;
+    Node(Node const&) = delete;
+    Node& operator=(Node const&) = delete;
     void sendFrame(CanFrame const& aFrame) override {
         master.send(aFrame);
         ++framesSent;

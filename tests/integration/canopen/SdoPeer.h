@@ -53,8 +53,8 @@ private:
 
     TemporaryDirectory mFolder;
     std::unique_ptr<velmor::kepla::canopen::CanChannel> mChannel;
+    std::unique_ptr<ChildProcess> mProcess; ///< Filled in while the next member is made.
     int mSocket = -1;
-    std::unique_ptr<ChildProcess> mProcess;
 
     std::mutex mWriting;
     std::mutex mMutex; ///< Guards the members up to the threads.
