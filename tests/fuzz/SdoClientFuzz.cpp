@@ -52,7 +52,7 @@ public:
         describe();
         mRequests.take();
         mServer.reset();
-        mClient.startUpload(kObject, kLimit, mNow);
+        mClient.startUpload(kObject, mSource.size(), mNow);
         while (mClient.busy() && !mRequests.frames().empty()) {
             playNode();
         }
