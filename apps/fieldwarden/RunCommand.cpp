@@ -5,14 +5,18 @@
 #include "apps/fieldwarden/EventPrinter.h"
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/LockEvents.h"
+#include "apps/fieldwarden/Output.h"
+#include "apps/fieldwarden/ShimEvents.h"
 #include "apps/fieldwarden/StopSignal.h"
 
+#include <fieldwarden/BoundedValue.h>
 #include <fieldwarden/FieldwardenInterface.h>
+#include <fieldwarden/ShimInterface.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
+#include <sstream>
 #include <string>
 
 #include <fmt/format.h>
@@ -50,6 +54,10 @@ public:
         Session session(mOptions.session);
         announceOpening(session);
         {
+            std::optional<ShimEvents> shimEvents;
+            if (session.library().getShim() != nullptr) {
+                startShimming(session, shimEvents);
+            }
             std::optional<LockEvents> lockEvents;
             if (auto* const lock = session.library().getLock()) {
                 mLockEvents = &lockEvents.emplace(*lock, mQueue);
@@ -86,6 +94,29 @@ private:
         printAll();
     }
 
+    /// Sets the shim system, as the daemon does after opening, and shows what the boards hold.
+    void startShimming(Session& aSession, std::optional<ShimEvents>& aEvents) {
+        ShimInterface& shim = aSession.shim();
+        aEvents.emplace(shim, mQueue);
+        std::istringstream names(shim.getNamesOfActiveShimGradients());
+        for (std::string name; names >> name;) {
+            if (int const value = shim.getSingleShim(name).value; value != 0) {
+                aEvents->shimGradientChanged(name, value);
+            }
+        }
+        for (unsigned int index = 0; index < shim.getShimCurrentsCount(); ++index) {
+            if (double const ampere = shim.getShimCurrent(index).value; ampere != 0.0) {
+                aEvents->shimCurrentChanged(index, ampere);
+            }
+        }
+        mQueue.push({{},
+                     "shim",
+                     "shimSystem",
+                     fmt::format("system {}, matrix file {}", shim.getShimId(), shim.getTOSKFileName()),
+                     {{"system", shim.getShimId()}, {"file", shim.getTOSKFileName()}},
+                     Tone::Good});
+    }
+
     void listen(StopSignal const& aStop) {
         while (mReaderThere && aStop.name().empty() && (!mEnd || RealTime::now() < *mEnd)) {
             std::array<pollfd, 2> watched{
@@ -106,15 +137,13 @@ private:
 
     void closeInOrder(Session& aSession, StopSignal const& aStop, RealTime::time_point aBegin) {
         if (!aStop.name().empty()) {
-            std::fputs(fmt::format("fieldwarden: {}, closing\n", aStop.name()).c_str(), stderr);
+            complain(aStop.name() + ", closing");
         }
         aSession.close();
         double const seconds = std::chrono::duration<double>(RealTime::now() - aBegin).count();
         mQueue.push({{}, "library", "closed", "closed", {{"seconds", seconds}}, Tone::Plain});
         printAll();
-        std::fputs(
-            fmt::format("fieldwarden: closed after {:.1f} s, {} events\n", seconds, mPrinter.count()).c_str(),
-            stderr);
+        complain(fmt::format("closed after {:.1f} s, {} events", seconds, mPrinter.count()));
     }
 
     RunOptions const& mOptions;

@@ -7,10 +7,14 @@
 #include "simulator/instrument/SimulatedBackend.h"
 
 #include <fieldwarden/FieldwardenInterface.h>
+#include <fieldwarden/ShimInterface.h>
+#include <fieldwarden/ShimSysType.h>
 #include <velmor/kepla/log/Configuration.h>
 #include <velmor/platform/Backend.h>
 
 #include <cerrno>
+#include <fstream>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -45,7 +49,9 @@ private:
     std::filesystem::path mPath;
 };
 
-Session::Session(SessionOptions const& aOptions) {
+Session::Session(SessionOptions const& aOptions)
+    : mOptions(aOptions)
+    , mDataRoot(aOptions.dataDirectory.value_or("/data")) {
     if (aOptions.lock == LockKind::Mock) {
         mMockDirectory.emplace();
     } else if (std::filesystem::exists(MockDirectory::path())) {
@@ -77,13 +83,46 @@ void Session::openOnSimulation(SessionOptions const& aOptions) {
         mScratch = std::make_unique<ScratchDirectory>();
     }
     mInstrument = std::make_shared<sim::Instrument>(sim::Instrument::Options{
-        aOptions.dataDirectory ? *aOptions.dataDirectory : mScratch->path(), aOptions.timeScale});
+        .folder = aOptions.dataDirectory ? *aOptions.dataDirectory : mScratch->path(),
+        .timeScale = aOptions.timeScale});
     Backend::use(sim::makeSimulatedBackend(mInstrument));
     sim::Folders const& folders = mInstrument->folders();
+    mDataRoot = folders.data;
     Configuration::redirectFiles(folders.root);
     FieldwardenInterface::openInterface("can0", folders.config.string(), folders.factory.string(),
                                         folders.shimFirmware.string(), folders.spectrometer.string(),
                                         folders.tempFirmware.string(), folders.data.string());
+}
+
+std::filesystem::path Session::shimSystemFile() const {
+    return mDataRoot / "libfieldwarden" / "shim-system";
+}
+
+int Session::chosenShimSystem() const {
+    if (mOptions.shimSystem) {
+        return *mOptions.shimSystem;
+    }
+    int remembered = 0;
+    std::ifstream(shimSystemFile()) >> remembered;
+    auto const first = static_cast<int>(ShimSysType::Wmxs1a);
+    auto const last = static_cast<int>(ShimSysType::Wmxs2a);
+    return remembered >= first && remembered <= last ? remembered : first;
+}
+
+ShimInterface& Session::shim() {
+    ShimInterface& shim = *mLibrary->getShim();
+    shim.setShimSystem(static_cast<ShimSysType>(chosenShimSystem()));
+    return shim;
+}
+
+void Session::rememberShimSystem(int aSystem) const {
+    std::filesystem::create_directories(shimSystemFile().parent_path());
+    std::ofstream file(shimSystemFile());
+    file << aSystem << "\n";
+    file.close();
+    if (!file) {
+        throw std::runtime_error("Cannot write '" + shimSystemFile().string() + "'");
+    }
 }
 
 Session::~Session() {

@@ -9,6 +9,7 @@
 #include <optional>
 
 class FieldwardenInterface;
+class ShimInterface;
 
 namespace libfieldwarden::sim {
 class Instrument;
@@ -25,7 +26,8 @@ struct SessionOptions {
     LockKind lock = LockKind::Real;
     double timeScale = 1.0; ///< Only with simulate.
     std::optional<std::filesystem::path>
-        dataDirectory; ///< Of the simulated instrument, or the real data root.
+        dataDirectory;             ///< Of the simulated instrument, or the real data root.
+    std::optional<int> shimSystem; ///< 8 to 11; otherwise the one that was chosen last.
 };
 
 /// Opens the library in its constructor and closes it in close(), or at the latest in its destructor.
@@ -40,6 +42,15 @@ public:
 
     FieldwardenInterface& library() const noexcept { return *mLibrary; }
 
+    /// Sets the shim system that the options or an earlier run chose; 8 where none did.
+    /// @return The shim service, ready for gradients.
+    /// @throws std::exception  what the library throws.
+    ShimInterface& shim();
+
+    /// Keeps a shim system for later runs, beside the instrument's data.
+    /// @throws std::runtime_error  when that cannot be written.
+    void rememberShimSystem(int aSystem) const;
+
     /// Brings the instrument down.
     /// @throws std::exception  what the library throws.
     void close();
@@ -49,7 +60,11 @@ private:
 
     void openOnInstrument(SessionOptions const& aOptions);
     void openOnSimulation(SessionOptions const& aOptions);
+    std::filesystem::path shimSystemFile() const;
+    int chosenShimSystem() const;
 
+    SessionOptions mOptions;
+    std::filesystem::path mDataRoot; ///< What the library was opened with.
     std::optional<MockDirectory> mMockDirectory;
     std::unique_ptr<ScratchDirectory> mScratch; ///< Null when the user named a folder.
     std::shared_ptr<sim::Instrument> mInstrument;

@@ -1,116 +1,280 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line: which subcommand, with which options, and what its end means to the shell.
 #include "apps/fieldwarden/ExitCode.h"
+#include "apps/fieldwarden/LogCommand.h"
+#include "apps/fieldwarden/Output.h"
 #include "apps/fieldwarden/RunCommand.h"
+#include "apps/fieldwarden/ShimCommand.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <velmor/platform/Version.h>
 
 #include <csignal>
-#include <cstdio>
 #include <exception>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 namespace libfieldwarden::app {
 
 namespace {
 
-void complain(std::string const& aText) {
-    std::fputs(("fieldwarden: " + aText + "\n").c_str(), stderr);
-}
-
-/// A check whose form does not stand in the help text: the option's own words say it better.
-CLI::Validator quiet(CLI::Validator aValidator) {
-    return aValidator.description("");
-}
-
-/// The options of every subcommand that opens the library.
-void addSessionOptions(CLI::App& aCommand, SessionOptions& aOptions) {
-    aCommand.add_flag("--simulate", aOptions.simulate,
-                      "Open on the simulated instrument: needs no root, no D-Bus and no device");
-    aCommand
-        .add_option("--lock", aOptions.lock,
-                    "Which lock: 'real', or 'mock', which takes warnings from control files")
-        ->transform(quiet(CLI::CheckedTransformer(
-            std::map<std::string, LockKind>{{"mock", LockKind::Mock}, {"real", LockKind::Real}})))
-        ->type_name("mock|real");
-    aCommand.add_option("--time-scale", aOptions.timeScale, "Simulated seconds in a real second (default 1)")
-        ->check(quiet(CLI::PositiveNumber))
-        ->type_name("N");
-    aCommand
-        .add_option(
-            "--data", aOptions.dataDirectory,
-            "Folder that the simulated instrument keeps its files in, from run to run; without --simulate "
-            "the data root of the instrument (default /data)")
-        ->type_name("DIR");
-}
-
-void checkSessionOptions(CLI::App const& aCommand, SessionOptions& aOptions) {
-    if (!aOptions.simulate && aCommand.count("--time-scale") != 0) {
-        throw WrongUsage("--time-scale goes with --simulate: a real instrument has its own time");
+/// The subcommands of the program, the one that was chosen, and how each is used.
+class CommandLine {
+public:
+    CommandLine()
+        : mProgram(
+              "Magnet control of the Q47 spectrometers: opens libfieldwarden on the instrument or on a "
+              "simulated one",
+              "fieldwarden") {
+        mProgram.set_version_flag("--version", std::string("fieldwarden ") + velmor::platform::version());
+        mProgram.require_subcommand(1);
+        mProgram.get_formatter()->column_width(30);
+        mUsage[&mProgram] = "SUBCOMMAND …";
+        addRun();
+        addShim();
+        addLog();
     }
-    if (aOptions.simulate && aCommand.count("--lock") == 0) {
-        aOptions.lock = LockKind::Mock; // The simulated instrument has no lock sequencer yet.
-    }
-}
 
-void addRun(CLI::App& aProgram, std::function<int()>& aChosen) {
-    auto* const command =
-        aProgram.add_subcommand("run", "Open the library and print what it says until Ctrl-C");
-    auto const options = std::make_shared<RunOptions>();
-    addSessionOptions(*command, options->session);
-    command->add_option("--for", options->seconds, "Close after so many seconds")
-        ->check(quiet(CLI::NonNegativeNumber))
-        ->type_name("SECONDS");
-    command->add_flag("--json", options->json, "One JSON object a line instead of text");
-    command->callback([&aChosen, command, options] {
-        aChosen = [command, options] {
-            checkSessionOptions(*command, options->session);
+    int run(int aCount, char** aArguments) {
+        try {
+            mProgram.parse(aCount, aArguments);
+        } catch (CLI::ParseError const& error) {
+            if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+                return mProgram.exit(error); // --help and --version
+            }
+            complain(unknownSubcommand(aCount, aArguments).value_or(error.what()));
+            complain(usage());
+            return kWrongUsage;
+        }
+        return mChosen();
+    }
+
+private:
+    using Work = std::function<int()>;
+
+    /// A check whose form does not stand in the help text: the option's own words say it better.
+    static CLI::Validator quiet(CLI::Validator aValidator) { return aValidator.description(""); }
+
+    /// Adds a subcommand without its options.
+    CLI::App& add(CLI::App& aParent, char const* aName, char const* aMeaning, std::string const& aUsage) {
+        CLI::App& command = *aParent.add_subcommand(aName, aMeaning);
+        mUsage[&command] = aUsage;
+        return command;
+    }
+
+    /// What the program does when a subcommand was chosen.
+    void does(CLI::App& aCommand, Work aWork) {
+        aCommand.callback([this, work = std::move(aWork)] { mChosen = work; });
+    }
+
+    /// The options of every subcommand that opens the library.
+    static void addSessionOptions(CLI::App& aCommand, SessionOptions& aOptions) {
+        aCommand.add_flag("--simulate", aOptions.simulate,
+                          "On the simulated instrument: needs no root, no D-Bus and no device");
+        aCommand
+            .add_option("--lock", aOptions.lock,
+                        "Which lock: 'real', or 'mock', which takes warnings from control files")
+            ->transform(quiet(CLI::CheckedTransformer(
+                std::map<std::string, LockKind>{{"mock", LockKind::Mock}, {"real", LockKind::Real}})))
+            ->type_name("mock|real");
+        aCommand
+            .add_option("--time-scale", aOptions.timeScale, "Simulated seconds in a real second (default 1)")
+            ->check(quiet(CLI::PositiveNumber))
+            ->type_name("N");
+        aCommand
+            .add_option("--data", aOptions.dataDirectory,
+                        "Folder that the simulated instrument keeps its files in, from run to run; without "
+                        "--simulate the data root of the instrument (default /data)")
+            ->type_name("DIR");
+        aCommand
+            .add_option("--system", aOptions.shimSystem,
+                        "The shim system, 8 to 11 (default: the one chosen last with 'shim system')")
+            ->check(quiet(CLI::Range(8, 11)))
+            ->type_name("N");
+    }
+
+    static void checkSessionOptions(CLI::App const& aCommand, SessionOptions& aOptions) {
+        if (!aOptions.simulate && aCommand.count("--time-scale") != 0) {
+            throw WrongUsage("--time-scale goes with --simulate: a real instrument has its own time");
+        }
+        if (aOptions.simulate && aCommand.count("--lock") == 0) {
+            aOptions.lock = LockKind::Mock; // The simulated instrument has no lock sequencer yet.
+        }
+    }
+
+    static void addFormOptions(CLI::App& aCommand, Form& aForm) {
+        auto* const json = aCommand.add_flag_callback(
+            "--json", [&aForm] { aForm = Form::Json; }, "As JSON");
+        aCommand
+            .add_flag_callback(
+                "-q,--quiet", [&aForm] { aForm = Form::Quiet; }, "The bare values")
+            ->excludes(json);
+    }
+
+    void addRun() {
+        CLI::App& command =
+            add(mProgram, "run", "Open the library and print what it says until Ctrl-C",
+                "run [--simulate] [--lock mock|real] [--time-scale N] [--for SECONDS] [--data DIR] "
+                "[--system N] [--json]");
+        auto const options = std::make_shared<RunOptions>();
+        addSessionOptions(command, options->session);
+        command.add_option("--for", options->seconds, "Close after so many seconds")
+            ->check(quiet(CLI::NonNegativeNumber))
+            ->type_name("SECONDS");
+        command.add_flag("--json", options->json, "One JSON object a line instead of text");
+        does(command, [&command, options] {
+            checkSessionOptions(command, options->session);
             return runCommand(*options);
-        };
-    });
-}
+        });
+    }
 
-/// What to say when the first word is no subcommand: the parser itself would only ask for one.
-std::optional<std::string> unknownSubcommand(CLI::App const& aProgram, int aCount, char** aArguments) {
-    std::string const first = aCount > 1 ? aArguments[1] : "";
-    auto const isFirst = [&](CLI::App const* aCommand) { return aCommand->get_name() == first; };
-    if (first.empty() || first.front() == '-' || !aProgram.get_subcommands(isFirst).empty()) {
+    /// Adds a `shim` subcommand with the options that all of them have.
+    CLI::App& addShimCommand(CLI::App& aShim,
+                             char const* aName,
+                             char const* aMeaning,
+                             std::string const& aArguments,
+                             std::function<int(ShimOptions const&)> aWork) {
+        CLI::App& command = add(aShim, aName, aMeaning,
+                                std::string("shim ") + aName + aArguments +
+                                    " [--simulate] [--data DIR] [--system N] [--json|-q]");
+        auto const options = std::make_shared<ShimOptions>();
+        addSessionOptions(command, options->session);
+        addFormOptions(command, options->form);
+        does(command, [&command, options, work = std::move(aWork)] {
+            checkSessionOptions(command, options->session);
+            return work(*options);
+        });
+        return command;
+    }
+
+    void addShim() {
+        CLI::App& shim = add(mProgram, "shim", "Gradients and currents of the shim coils",
+                             "shim list|get|set|current|load|save|relations|system …");
+        shim.require_subcommand(1);
+        addShimCommand(shim, "list", "All gradients that the shim system has", "", shimList);
+        addShimCommand(shim, "relations", "How gradients and coils depend on each other", "", shimRelations);
+
+        auto const names = std::make_shared<std::vector<std::string>>();
+        addShimCommand(shim, "get", "Gradients by name", " NAME…",
+                       [names](ShimOptions const& aOptions) { return shimGet(aOptions, *names); })
+            .add_option("names", *names, "Names of gradients, as 'shim list' gives them")
+            ->required()
+            ->type_name("NAME…");
+
+        auto const assignments = std::make_shared<std::vector<std::string>>();
+        addShimCommand(shim, "set", "Set gradients, all at once", " NAME=VALUE…",
+                       [assignments](ShimOptions const& aOptions) { return shimSet(aOptions, *assignments); })
+            .add_option("assignments", *assignments, "A gradient and its value in units, as in Z=1200")
+            ->required()
+            ->type_name("NAME=VALUE…");
+
+        auto const index = std::make_shared<unsigned int>(0);
+        auto const value = std::make_shared<std::optional<std::string>>();
+        CLI::App& current = addShimCommand(
+            shim, "current", "Show or set one current", " INDEX [VALUE]",
+            [index, value](ShimOptions const& aOptions) { return shimCurrent(aOptions, *index, *value); });
+        current.add_option("index", *index, "0 to 33")->required()->type_name("INDEX");
+        current.add_option("value", *value, "The new current, as in 0.25, 0.25A or 250mA")
+            ->type_name("VALUE");
+
+        auto const file = std::make_shared<std::filesystem::path>();
+        addShimCommand(shim, "load", "Set all gradients from a shim file", " FILE",
+                       [file](ShimOptions const& aOptions) { return shimLoad(aOptions, *file); })
+            .add_option("file", *file, "The shim file; gradients that it does not name become 0")
+            ->required()
+            ->type_name("FILE");
+        addShimCommand(shim, "save", "Write all gradients to a shim file", " FILE",
+                       [file](ShimOptions const& aOptions) { return shimSave(aOptions, *file); })
+            .add_option("file", *file, "The shim file")
+            ->required()
+            ->type_name("FILE");
+
+        auto const system = std::make_shared<int>(0);
+        addShimCommand(shim, "system", "Choose the shim system, also for later runs", " 8|9|10|11",
+                       [system](ShimOptions const& aOptions) { return shimSystem(aOptions, *system); })
+            .add_option("system", *system, "8 wmxs1a, 9 wmxs1b, 10 wmxs1c, 11 wmxs2a")
+            ->required()
+            ->check(quiet(CLI::Range(8, 11)))
+            ->type_name("8|9|10|11");
+    }
+
+    /// Adds a `log` subcommand with the options that both of them have.
+    CLI::App& addLogCommand(CLI::App& aLog,
+                            char const* aName,
+                            char const* aMeaning,
+                            std::string const& aArguments,
+                            std::function<int(LogOptions const&)> aWork) {
+        CLI::App& command =
+            add(aLog, aName, aMeaning,
+                std::string("log ") + aName + aArguments + " [--simulate] [--data DIR] [--json|-q]");
+        auto const options = std::make_shared<LogOptions>();
+        command.add_flag("--simulate", options->simulate, "The log of a simulated instrument");
+        command
+            .add_option(
+                "--data", options->data,
+                "Folder of the simulated instrument; without --simulate the data root (default /data)")
+            ->type_name("DIR");
+        addFormOptions(command, options->form);
+        does(command, [options, work = std::move(aWork)] { return work(*options); });
+        return command;
+    }
+
+    void addLog() {
+        CLI::App& log = add(mProgram, "log", "What the data logger has kept", "log list|show …");
+        log.require_subcommand(1);
+        addLogCommand(log, "list", "All channels with their newest values", "", logList);
+        auto const show = std::make_shared<LogShowOptions>();
+        CLI::App& command = addLogCommand(
+            log, "show", "The samples of a channel, oldest first", " CHANNEL [--since TIME] [--csv]",
+            [show](LogOptions const& aOptions) { return logShow(aOptions, *show); });
+        command.add_option("channel", show->channel, "Name of the channel, as 'log list' gives it")
+            ->required()
+            ->type_name("CHANNEL");
+        command
+            .add_option("--since", show->since,
+                        "From then on: 10min, 2h, 1d back from now, or 2026-11-21T14:00 (UTC)")
+            ->type_name("TIME");
+        command.add_flag("--csv", show->csv, "As CSV with a header line");
+    }
+
+    /// What to say when a word is no subcommand: the parser itself would only ask for one.
+    std::optional<std::string> unknownSubcommand(int aCount, char** aArguments) const {
+        CLI::App const* parent = &mProgram;
+        for (int i = 1; i < aCount; ++i) {
+            std::string const word = aArguments[i];
+            if (word.empty() || word.front() == '-' || parent->get_require_subcommand_min() == 0) {
+                return std::nullopt;
+            }
+            auto const children = parent->get_subcommands(
+                [&](CLI::App const* aCommand) { return aCommand->get_name() == word; });
+            if (children.empty()) {
+                return "there is no subcommand '" + word + "'";
+            }
+            parent = children.front();
+        }
         return std::nullopt;
     }
-    return "there is no subcommand '" + first + "'";
-}
 
-int runProgram(int aCount, char** aArguments) {
-    CLI::App program(
-        "Magnet control of the Q47 spectrometers: opens libfieldwarden on the instrument or on a "
-        "simulated one",
-        "fieldwarden");
-    program.set_version_flag("--version", std::string("fieldwarden ") + velmor::platform::version());
-    program.require_subcommand(1);
-    program.get_formatter()->column_width(30);
-    std::function<int()> chosen;
-    addRun(program, chosen);
-    try {
-        program.parse(aCount, aArguments);
-    } catch (CLI::ParseError const& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return program.exit(error); // --help and --version
+    /// The usage line of the innermost subcommand that was named.
+    std::string usage() const {
+        CLI::App const* innermost = &mProgram;
+        while (!innermost->get_subcommands().empty()) {
+            innermost = innermost->get_subcommands().front();
         }
-        complain(unknownSubcommand(program, aCount, aArguments).value_or(error.what()));
-        complain(
-            "usage: fieldwarden run [--simulate] [--lock mock|real] [--time-scale N] [--for SECONDS] "
-            "[--data DIR] [--json]; 'fieldwarden --help' says more");
-        return kWrongUsage;
+        return "usage: fieldwarden " + mUsage.at(innermost) + "; --help says more";
     }
-    return chosen();
-}
+
+    CLI::App mProgram;
+    std::map<CLI::App const*, std::string> mUsage;
+    Work mChosen;
+};
 
 } // namespace
 
@@ -121,7 +285,7 @@ int main(int aCount, char** aArguments) {
     // A reader that goes away is noticed by the failed write; the library is still to be closed then.
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        return runProgram(aCount, aArguments);
+        return CommandLine().run(aCount, aArguments);
     } catch (WrongUsage const& error) {
         complain(error.what());
         return kWrongUsage;

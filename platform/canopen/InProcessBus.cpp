@@ -140,8 +140,9 @@ public:
     };
     using PortPtr = std::shared_ptr<Port>;
 
-    explicit Shared(InProcessBusSettings const& aSettings)
+    Shared(InProcessBusSettings const& aSettings, Clock& aClock)
         : mSettings(aSettings)
+        , mClock(aClock)
         , mBitRate(aSettings.bitRate) {}
 
     PortPtr open(std::string const& aName, std::vector<CanFilter> aFilters) {
@@ -371,7 +372,7 @@ private:
     static void lookForChange(std::unique_lock<std::mutex>& aLock, Port& aPort);
 
     InProcessBusSettings const mSettings;
-    Clock& mClock = Clock::current();
+    Clock& mClock;
     bool const mRealClock = &mClock == &Clock::real();
 
     std::mutex mMutex; ///< Guards all below and the ports.
@@ -626,8 +627,8 @@ private:
     Shared::PortPtr mPort;
 };
 
-InProcessBus::InProcessBus(InProcessBusSettings const& aSettings)
-    : mShared(std::make_shared<Shared>(aSettings)) {
+InProcessBus::InProcessBus(InProcessBusSettings const& aSettings, Clock& aClock)
+    : mShared(std::make_shared<Shared>(aSettings, aClock)) {
     if (aSettings.transmitQueue == 0 || aSettings.receiveQueue == 0) {
         throw std::invalid_argument("A CAN bus needs room for at least one frame");
     }

@@ -3,14 +3,35 @@
 #include "simulator/instrument/Instrument.h"
 
 #include "simulator/instrument/DeviceRecords.h"
+#include "simulator/instrument/EmbeddedFile.h"
 
 #include <velmor/platform/ScaledClock.h>
 
 #include <fstream>
+#include <span>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace libfieldwarden::sim {
+
+namespace {
+
+/// A file that is there stays as it is: kept from an earlier run, or put there to try something else.
+void writeUnlessThere(std::filesystem::path const& aPath, std::string_view aBytes) {
+    if (std::filesystem::exists(aPath)) {
+        return;
+    }
+    std::ofstream file(aPath, std::ios::binary);
+    file << aBytes;
+    file.close();
+    if (!file) {
+        throw std::runtime_error("Cannot write the simulated instrument's file '" + aPath.string() + "'");
+    }
+}
+
+} // namespace
 
 Folders::Folders(std::filesystem::path aRoot)
     : root(std::move(aRoot))
@@ -21,33 +42,55 @@ Folders::Folders(std::filesystem::path aRoot)
     , tempFirmware(root / "usr/share/firmware/Q47TemperatureBoard")
     , data(root / "data")
     , deviceIds(data / "deviceids")
-    , dataLogger(data / "libfieldwarden/datalogger.sqlite") {}
+    , dataLogger(data / "libfieldwarden/datalogger.sqlite")
+    , boards(root / "boards") {}
 
 Instrument::Instrument(Options const& aOptions)
     : mFolders(std::filesystem::absolute(aOptions.folder))
     , mClock(std::make_shared<velmor::platform::ScaledClock>(aOptions.timeScale))
     , mMainboard(std::make_shared<Mainboard>())
-    , mCanBus(std::make_unique<velmor::kepla::canopen::InProcessBus>()) {
-    for (auto const& folder :
-         {mFolders.config, mFolders.factory, mFolders.shimFirmware, mFolders.spectrometer,
-          mFolders.tempFirmware, mFolders.deviceIds, mFolders.dataLogger.parent_path()}) {
-        std::filesystem::create_directories(folder);
-    }
-    writeDeviceRecords();
+    , mCanBus(std::make_unique<velmor::kepla::canopen::InProcessBus>(
+          velmor::kepla::canopen::InProcessBusSettings{}, *mClock)) {
+    makeFolders();
+    writeFiles();
+    switchBoardsOn(aOptions.seed);
 }
 
-void Instrument::writeDeviceRecords() const {
+void Instrument::makeFolders() const {
+    for (auto const& folder :
+         {mFolders.config / "matrices", mFolders.factory, mFolders.shimFirmware, mFolders.spectrometer,
+          mFolders.tempFirmware, mFolders.deviceIds, mFolders.dataLogger.parent_path(), mFolders.boards}) {
+        std::filesystem::create_directories(folder);
+    }
+}
+
+void Instrument::writeFiles() const {
     for (DeviceRecord const& record : kDeviceRecords) {
-        auto const path = mFolders.deviceIds / record.file;
-        if (std::filesystem::exists(path)) {
-            continue; // Kept from an earlier run, or put there to try another instrument.
+        writeUnlessThere(mFolders.deviceIds / record.file, record.text);
+    }
+    struct Delivery {
+        std::span<EmbeddedFile const> files;
+        std::filesystem::path folder;
+    };
+    for (Delivery const& delivery :
+         {Delivery{matrixFiles(), mFolders.config / "matrices"},
+          Delivery{shimFirmwareFiles(), mFolders.shimFirmware}, Delivery{factoryFiles(), mFolders.factory}}) {
+        for (EmbeddedFile const& file : delivery.files) {
+            writeUnlessThere(delivery.folder / file.name,
+                             {reinterpret_cast<char const*>(file.bytes.data()), file.bytes.size()});
         }
-        std::ofstream file(path, std::ios::binary);
-        file << record.text;
-        file.close();
-        if (!file) {
-            throw std::runtime_error("Cannot write the device record '" + path.string() + "'");
-        }
+    }
+}
+
+void Instrument::switchBoardsOn(std::uint64_t aSeed) {
+    for (std::uint8_t const node : {std::uint8_t{8}, std::uint8_t{9}}) {
+        std::string const name = "shim-board-" + std::to_string(node);
+        auto const board = std::make_shared<ShimBoard>(
+            ShimBoard::Options{
+                .node = node, .stateFile = mFolders.boards / (name + ".json"), .seed = aSeed + node},
+            *mClock);
+        mShimBoards.push_back(board);
+        mShimNodes.push_back(std::make_unique<CanNode>(mCanBus->open(name), node, board, *mClock));
     }
 }
 

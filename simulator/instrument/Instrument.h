@@ -2,13 +2,18 @@
 // The whole simulated instrument: its models and the folder in which its files live.
 #pragma once
 
+#include "simulator/boards/CanNode.h"
+#include "simulator/boards/ShimBoard.h"
 #include "simulator/mainboard/Mainboard.h"
 
 #include <velmor/kepla/canopen/InProcessBus.h>
 #include <velmor/platform/Clock.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 namespace libfieldwarden::sim {
 
@@ -26,6 +31,7 @@ struct Folders {
     std::filesystem::path data;         ///< Holds "deviceids".
     std::filesystem::path deviceIds;    ///< The device records.
     std::filesystem::path dataLogger;   ///< The data logger's file.
+    std::filesystem::path boards;       ///< What the boards keep in their memories.
 };
 
 /// One simulated instrument. It knows nothing of the library: it speaks only what the hardware speaks.
@@ -34,26 +40,38 @@ public:
     struct Options {
         std::filesystem::path folder; ///< Where its files live; made when it is not there.
         double timeScale = 1.0;       ///< Instrument seconds in a real second.
+        std::uint64_t seed = 1;       ///< Of all noise: the same seed and the same script give the same run.
     };
 
-    /// Makes the folders, and in them the device records that are not there yet.
+    /// Makes the folders, and in them the files that are not there yet: device records, matrices, firmware,
+    /// factory shims. Switches the boards on; they go on from the state that an earlier run left in the
+    /// folder.
     /// @throws std::filesystem::filesystem_error  when the folder cannot be made.
-    /// @throws std::runtime_error                 when a record cannot be written; the words name the file.
+    /// @throws std::runtime_error                 when a file cannot be written; the words name it.
     /// @throws std::invalid_argument              when the time scale is not a positive number.
     explicit Instrument(Options const& aOptions);
 
     Folders const& folders() const noexcept { return mFolders; }
     std::shared_ptr<velmor::platform::Clock> clock() const noexcept { return mClock; }
     std::shared_ptr<Mainboard> mainboard() const noexcept { return mMainboard; }
+    /// @param aNumber  1 for node 8, 2 for node 9.
+    /// @throws std::out_of_range  for another number.
+    std::shared_ptr<ShimBoard> shimBoard(std::size_t aNumber) const { return mShimBoards.at(aNumber - 1); }
+    /// @return What goes wrong between a shim board and the bus.
+    BoardFaults& shimBoardFaults(std::size_t aNumber) { return mShimNodes.at(aNumber - 1)->faults(); }
     velmor::kepla::canopen::InProcessBus& canBus() const noexcept { return *mCanBus; }
 
 private:
-    void writeDeviceRecords() const;
+    void makeFolders() const;
+    void writeFiles() const;
+    void switchBoardsOn(std::uint64_t aSeed);
 
     Folders mFolders;
     std::shared_ptr<velmor::platform::Clock> mClock;
     std::shared_ptr<Mainboard> mMainboard;
     std::unique_ptr<velmor::kepla::canopen::InProcessBus> mCanBus;
+    std::vector<std::shared_ptr<ShimBoard>> mShimBoards;
+    std::vector<std::unique_ptr<CanNode>> mShimNodes; ///< Last, so that the boards are switched off first.
 };
 
 } // namespace libfieldwarden::sim

@@ -4,9 +4,9 @@
 
 #include "interface/SampleRotationQ47.h"
 #include "lock/LockMock.h"
+#include "shim/ShimHardwareQ47.h"
 
 #include <fieldwarden/LockForTemperatureIfc.h>
-#include <fieldwarden/ShimInterface.h>
 #include <fieldwarden/TemperatureInterface.h>
 #include <velmor/DeviceLogContributor.h>
 #include <velmor/kepla/canopen/CanOpenMaster.h>
@@ -42,7 +42,7 @@ constexpr int kNoRouterAddress = 0xff;
 FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
                                                  std::string aConfigRoot,
                                                  std::string const& aFactoryRoot,
-                                                 std::string const& /*aShimFirmwareRoot*/,
+                                                 std::string const& aShimFirmwareRoot,
                                                  std::string aTsConfigRoot,
                                                  std::string const& /*aTempFirmwareRoot*/,
                                                  std::string const& aDataRoot)
@@ -66,6 +66,10 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
     mDeviceIdServiceFactory = std::make_unique<DeviceIdServiceFactory>("fieldwarden");
 
     keplaDoLog(Severity::Info, "initializing shim...", {});
+    mShim = std::make_shared<ShimHardwareQ47>(
+        mCanOpenMaster, mConfigRoot + "/matrices", aDataRoot + "/libfieldwarden/matrices/enforced.dat",
+        aFactoryRoot + "/shims.factory", aShimFirmwareRoot, (mDeviceIdsDirectory / "shimsys.mds").string(),
+        channelCreator, mPeriodicCallerManager, mDeviceIdServiceFactory->deviceIdServiceContributor());
 
     keplaDoLog(Severity::Info, "initializing MainBoard daemon client...", {});
     auto const mainboard = MainboardClientFactory().mainboardClient();
@@ -189,6 +193,6 @@ void FieldwardenInterfaceQ47::setLoggingTransferEnable(bool aEnable) {
     mLoggingTransferEnable = aEnable;
 }
 
-void FieldwardenInterfaceQ47::createLog(std::string const& /*aPath*/, int /*aType*/, int /*aId*/) {
-    // The boards that are built so far have no dumps.
+void FieldwardenInterfaceQ47::createLog(std::string const& aPath, int /*aType*/, int /*aId*/) {
+    mShim->dumpCANopenValues(aPath);
 }

@@ -12,6 +12,7 @@
 
 class DeviceLogContributor;
 class LockForTemperatureIfc;
+class ShimHardwareQ47;
 namespace velmor::kepla::canopen {
 class CanOpenMaster;
 }
@@ -74,7 +75,7 @@ private:
     std::string mTsConfigRoot;
     std::filesystem::path mLockMockDirectory;
     std::filesystem::path mDeviceIdsDirectory;
-    std::shared_ptr<ShimInterface> mShim;
+    std::shared_ptr<ShimHardwareQ47> mShim;
     std::shared_ptr<LockInterface> mLock;
     std::shared_ptr<LockForTemperatureIfc> mLockForTemperature; ///< Stays null with the mock lock.
     std::shared_ptr<TemperatureInterface> mTemperature;

@@ -44,7 +44,7 @@ TEST(OpenClose, LeavesNoThreadDescriptorOrMemoryBehindInAThousandTimes) {
     TemporaryDirectory const directory;
     std::filesystem::create_directory("/tmp/lockmock");
     Backend::use(libfieldwarden::sim::makeSimulatedBackend(
-        std::make_shared<Instrument>(Instrument::Options{directory.path(), 1.0})));
+        std::make_shared<Instrument>(Instrument::Options{.folder = directory.path()})));
     velmor::kepla::log::Configuration::initWith({});
     Footprint before;
     for (int i = 0; i < kTimes; ++i) {

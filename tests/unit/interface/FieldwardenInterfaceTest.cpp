@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Opening and closing the library, what it builds in which order, and what its getters answer.
+#include "interface/FieldwardenInterfaceQ47.h"
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
 #include "support/LogCapture.h"
@@ -8,6 +9,7 @@
 #include <fieldwarden/FieldwardenInterface.h>
 #include <fieldwarden/LockInterface.h>
 #include <fieldwarden/SampleRotationInterface.h>
+#include <fieldwarden/ShimInterface.h>
 #include <velmor/kepla/canopen/CanChannel.h>
 #include <velmor/kepla/log/Configuration.h>
 #include <velmor/platform/Backend.h>
@@ -123,7 +125,7 @@ protected:
 
     TemporaryDirectory mDirectory;
     std::shared_ptr<Instrument> mInstrument =
-        std::make_shared<Instrument>(Instrument::Options{mDirectory.path(), 1.0});
+        std::make_shared<Instrument>(Instrument::Options{.folder = mDirectory.path()});
     std::shared_ptr<HookedBackend> mBackend = std::make_shared<HookedBackend>(mInstrument);
     std::optional<LogCapture> mLog{std::in_place};
 };
@@ -370,6 +372,46 @@ TEST_F(FieldwardenInterfaceTest, SetsTheStatusLedToBlueBeforeTheDeviceLogIsPubli
     EXPECT_EQ(ledAtTheEndpoint, 4);
     FieldwardenInterface::closeInterface();
     EXPECT_EQ(mInstrument->mainboard()->statusLed(), 4); // left as it is on the way down
+}
+
+TEST_F(FieldwardenInterfaceTest, BringsTheShimBoardsUpBeforeItAsksForTheMainBoard) {
+    bool shimIsUp = false;
+    mBackend->onMainboard = [&] { shimIsUp = mLog->has(Severity::Trace, "ShimHardwareQ47 constructor"); };
+    open();
+    EXPECT_TRUE(shimIsUp);
+    ASSERT_NE(FieldwardenInterface::getInstance()->getShim(), nullptr);
+    EXPECT_EQ(FieldwardenInterface::getInstance()->getShim()->getShimCurrentsCount(), 34U);
+}
+
+TEST_F(FieldwardenInterfaceTest, FailsOnAShimBoardThatIsSilentAndCanBeOpenedWhenItAnswersAgain) {
+    // A board has 30 s to come up: 0.3 s on an instrument that is a hundred times as fast.
+    TemporaryDirectory const folder;
+    auto const fast =
+        std::make_shared<Instrument>(Instrument::Options{.folder = folder.path(), .timeScale = 100.0});
+    fast->shimBoardFaults(1).setSilent(true);
+    Backend::use(std::make_shared<HookedBackend>(fast));
+    EXPECT_THAT([&] { open(); }, ThrowsMessage<std::runtime_error>(HasSubstr("did not come up within 30 s")));
+    EXPECT_FALSE(mLog->has(Severity::Info, "initializing MainBoard daemon client..."));
+    EXPECT_FALSE(isOpen());
+    Backend::use(mBackend);
+    open();
+    EXPECT_TRUE(isOpen());
+}
+
+TEST_F(FieldwardenInterfaceTest, WritesTheSameDumpsForAnyTypeAndId) {
+    open();
+    auto& library = dynamic_cast<FieldwardenInterfaceQ47&>(*FieldwardenInterface::getInstance());
+    for (int const number : {0, 1, -7}) {
+        auto const folder = mDirectory.path() / ("dump" + std::to_string(number));
+        std::filesystem::create_directory(folder);
+        library.createLog(folder.string(), number, number * 1000);
+        std::vector<std::string> names;
+        for (auto const& entry : std::filesystem::directory_iterator(folder)) {
+            names.push_back(entry.path().filename().string());
+        }
+        EXPECT_THAT(
+            names, testing::UnorderedElementsAre(StartsWith("canopen_shim_8"), StartsWith("canopen_shim_9")));
+    }
 }
 
 TEST_F(FieldwardenInterfaceTest, TakesTheMockLockForAPlainFileToo) {

@@ -26,7 +26,7 @@ protected:
 };
 
 TEST_F(SimulatedInstrumentTest, WritesRecordsThatCanBeParsed) {
-    Instrument const instrument({mDirectory.path(), 1.0});
+    Instrument const instrument({.folder = mDirectory.path()});
     auto const& records = instrument.folders().deviceIds;
     EXPECT_EQ(records, mDirectory.path() / "data/deviceids");
     EXPECT_EQ(Mds::parse(readFile(records / "vtu.mds")).groups().getByName("FlowForTemperature").size(), 3U);
@@ -37,21 +37,21 @@ TEST_F(SimulatedInstrumentTest, WritesRecordsThatCanBeParsed) {
 
 TEST_F(SimulatedInstrumentTest, LeavesRecordsThatAreThere) {
     writeFile(mDirectory.path() / "data/deviceids/vtu.mds", "<record/>");
-    Instrument const instrument({mDirectory.path(), 1.0});
+    Instrument const instrument({.folder = mDirectory.path()});
     EXPECT_EQ(readFile(instrument.folders().deviceIds / "vtu.mds"), "<record/>");
 }
 
 TEST_F(SimulatedInstrumentTest, RefusesATimeScaleThatIsNoPositiveNumber) {
-    EXPECT_THROW(Instrument({mDirectory.path(), 0.0}), std::invalid_argument);
+    EXPECT_THROW(Instrument({.folder = mDirectory.path(), .timeScale = 0.0}), std::invalid_argument);
 }
 
 TEST_F(SimulatedInstrumentTest, RefusesAFolderThatCannotBeMade) {
     writeFile(mDirectory.path() / "plain", "");
-    EXPECT_THROW(Instrument({mDirectory.path() / "plain", 1.0}), std::filesystem::filesystem_error);
+    EXPECT_THROW(Instrument({.folder = mDirectory.path() / "plain"}), std::filesystem::filesystem_error);
 }
 
 TEST_F(SimulatedInstrumentTest, OpensItsDoorsToItsModels) {
-    auto const instrument = std::make_shared<Instrument>(Instrument::Options{mDirectory.path(), 1.0});
+    auto const instrument = std::make_shared<Instrument>(Instrument::Options{.folder = mDirectory.path()});
     auto const backend = libfieldwarden::sim::makeSimulatedBackend(instrument);
     backend->mainboard()->setStatusLed(4);
     EXPECT_EQ(instrument->mainboard()->statusLed(), 4);

@@ -81,8 +81,11 @@ public:
     using Duration = velmor::platform::Clock::Duration;
     using FaultId = std::uint64_t;
 
+    /// @param aSettings  How the bus behaves.
+    /// @param aClock     The time of everybody on the bus; outlives it.
     /// @throws std::invalid_argument  when a queue has no room at all.
-    explicit InProcessBus(InProcessBusSettings const& aSettings = {});
+    explicit InProcessBus(InProcessBusSettings const& aSettings = {},
+                          velmor::platform::Clock& aClock = velmor::platform::Clock::current());
     ~InProcessBus();
     InProcessBus(InProcessBus const&) = delete;
     InProcessBus& operator=(InProcessBus const&) = delete;
