@@ -10,8 +10,6 @@ namespace velmor::kepla::datalogger {
 DataLoggerFactory::DataLoggerFactory(bool aDiscard)
     : mDiscard(aDiscard) {}
 
-DataLoggerFactory::~DataLoggerFactory() = default;
-
 std::shared_ptr<DataLoggerInterface> DataLoggerFactory::channelCreator() const {
     if (mDiscard) {
         return std::make_shared<NullDataLogger>();

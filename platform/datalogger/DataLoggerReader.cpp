@@ -85,7 +85,7 @@ public:
     }
 
     /// @return Id of a channel in the file.
-    std::int64_t idOf(std::string_view aChannel) {
+    std::int64_t idOf(std::string_view aChannel) const {
         auto find = database->prepare("SELECT id FROM channel WHERE name = ?1");
         std::int64_t const id = find.bind(1, aChannel).number();
         if (id == 0) {
@@ -94,12 +94,13 @@ public:
         return id;
     }
 
-    std::vector<DataLoggerChannelSummary> summaries(std::string_view aChannel);
+    std::vector<DataLoggerChannelSummary> summaries(std::string_view aChannel) const;
 
     std::unique_ptr<SqliteConnection> database;
 };
 
-std::vector<DataLoggerChannelSummary> DataLoggerReader::Statements::summaries(std::string_view aChannel) {
+std::vector<DataLoggerChannelSummary> DataLoggerReader::Statements::summaries(
+    std::string_view aChannel) const {
     auto channels = database->prepare(
         "SELECT id, name, unit, storage, stats_period, description, labels, hidden, coalesce(count, 0) "
         "FROM channel LEFT JOIN row_count ON channel.id = row_count.channel WHERE ?1 = '' OR name = ?1 "

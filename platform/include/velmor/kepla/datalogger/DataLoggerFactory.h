@@ -15,7 +15,7 @@ public:
     /// for
     ///                  the data logger of the process's backend.
     explicit DataLoggerFactory(bool aDiscard);
-    ~DataLoggerFactory();
+    ~DataLoggerFactory() = default;
 
     /// Any thread; may block while the store opens.
     /// @return The data logger; it outlives the factory.

@@ -26,7 +26,7 @@ struct SqliteDataLoggerOptions {
     std::chrono::hours longTermRetention{24 * 365 * 5};
     /// Bound of what the file holds, in bytes: beyond it the oldest ShortTerm samples go first, then the
     /// oldest statistics and LongTerm samples.
-    std::uint64_t sizeLimit = 512ULL * 1024 * 1024;
+    std::uint64_t sizeLimit = 1024ULL * 1024 * 1024;
     /// How often what is too old is looked for.
     std::chrono::minutes retentionInterval{60};
     /// The file never has more pages of 4096 bytes, as if the disk ended there; 0 for as many as the disk
