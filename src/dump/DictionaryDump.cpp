@@ -22,7 +22,6 @@ std::string readValue(CanOpenNodeClientIfc& aClient, ObjectRange const& aRange, 
         case ObjectType::U8:
             return std::to_string(aClient.readUInt8(aRange.index, aSubindex));
         case ObjectType::U16:
-            // Intended: printed signed, which for 16 bits never shows.
             return std::to_string(aClient.readUInt16(aRange.index, aSubindex));
         case ObjectType::U32:
             return std::to_string(aClient.readUInt32(aRange.index, aSubindex));

@@ -10,9 +10,11 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -52,7 +54,7 @@ public:
     /// with nothing locked. Replaces a former one; an empty one ends it.
     void onAccess(std::uint16_t aIndex, std::uint8_t aSubindex, std::function<void()> aWhat) {
         std::lock_guard const lock(mMutex);
-        mOnAccess[{aIndex, aSubindex}] = std::move(aWhat);
+        mOnAccess[{aIndex, aSubindex}] = std::make_shared<std::function<void()>>(std::move(aWhat));
     }
 
     /// Makes every access to an object fail, or only the next so many.
@@ -131,15 +133,15 @@ private:
 
     /// Remembers the access and lets happen what the test wants to happen.
     void enter(std::string const& aCall, Address aAddress) {
-        std::function<void()>* happening = nullptr;
+        std::shared_ptr<std::function<void()>> happening;
         {
             std::lock_guard const lock(mMutex);
             mCalls.push_back(aCall);
-            if (auto const found = mOnAccess.find(aAddress); found != mOnAccess.end() && found->second) {
-                happening = &found->second;
+            if (auto const found = mOnAccess.find(aAddress); found != mOnAccess.end()) {
+                happening = found->second;
             }
         }
-        if (happening != nullptr) {
+        if (happening && *happening) {
             (*happening)();
         }
     }
@@ -199,7 +201,7 @@ private:
     unsigned char const mNodeId;
     std::mutex mMutex; ///< Guards all below.
     std::map<Address, Object> mObjects;
-    std::map<Address, std::function<void()>> mOnAccess;
+    std::map<Address, std::shared_ptr<std::function<void()>>> mOnAccess;
     std::map<Address, std::function<void(Bytes const&)>> mOnWrite;
     std::vector<std::string> mCalls;
 };

@@ -24,7 +24,6 @@ using libfieldwarden::test::FakeCanOpenNode;
 using libfieldwarden::test::readFile;
 using libfieldwarden::test::TemporaryDirectory;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 class DictionaryDump : public testing::Test {
 protected:
