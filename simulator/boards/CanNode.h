@@ -62,7 +62,7 @@ public:
             Clock& aClock = Clock::current());
 
     /// Ends the thread; does not wait for what was to be sent later.
-    ~CanNode();
+    virtual ~CanNode();
     CanNode(CanNode const&) = delete;
     CanNode& operator=(CanNode const&) = delete;
 

@@ -7,8 +7,6 @@
 
 namespace libfieldwarden::sim {
 
-using velmor::platform::Clock;
-
 FirstOrderLag::FirstOrderLag(Duration aTimeConstant, double aValue)
     : mTimeConstant(std::chrono::duration<double>(aTimeConstant).count())
     , mStart(aValue)

@@ -2,6 +2,7 @@
 // A program for a simulated board, as it comes over the bus: compressed, with a header that the board checks.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <stdexcept>
@@ -48,7 +49,7 @@ private:
 struct ProgramImage {
     static constexpr std::size_t kHeaderSize = 48;
     /// The largest program with its header, in bytes: what the flash holds.
-    static constexpr std::size_t kLargest = 512U * 1024U;
+    static constexpr std::size_t kLargest = std::size_t{512} * 1024;
 
     std::uint32_t buildId = 0;
     std::uint32_t length = 0; ///< Of the unpacked whole, in bytes.

@@ -20,7 +20,6 @@ using libfieldwarden::sim::CanNode;
 using libfieldwarden::sim::ObjectAccess;
 using libfieldwarden::sim::ShimBoard;
 using libfieldwarden::test::eventually;
-using libfieldwarden::test::fromHex;
 using libfieldwarden::test::PlainImage;
 using libfieldwarden::test::SdoPeer;
 using libfieldwarden::test::toHex;

@@ -37,7 +37,6 @@ using libfieldwarden::test::eventually;
 using libfieldwarden::test::ImageBytes;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::PlainImage;
-using libfieldwarden::test::Severity;
 using libfieldwarden::test::TemporaryDirectory;
 using libfieldwarden::test::writeFile;
 using testing::HasSubstr;

@@ -69,7 +69,7 @@ TEST(ProgramImage, IsRefusedWhenItEndsWithinItsHeader) {
 }
 
 TEST(ProgramImage, IsRefusedCutOffAtAnyPlace) {
-    ImageBytes const packed = PlainImage{}.packed();
+    ImageBytes const packed = PlainImage{.programSize = 100}.packed();
     for (std::size_t size = 0; size < packed.size(); ++size) {
         EXPECT_NE(refusal({packed.begin(), packed.begin() + static_cast<std::ptrdiff_t>(size)}),
                   FlashError::None)
@@ -78,7 +78,7 @@ TEST(ProgramImage, IsRefusedCutOffAtAnyPlace) {
 }
 
 TEST(ProgramImage, IsRefusedWithAnyBitOfItsContentsTurnedOver) {
-    ImageBytes const packed = PlainImage{}.packed();
+    ImageBytes const packed = PlainImage{.programSize = 100}.packed();
     constexpr std::size_t kGzipHeader = 10; // Its time stamp and system byte mean nothing.
     for (std::size_t byte = kGzipHeader; byte < packed.size(); ++byte) {
         ImageBytes spoilt = packed;

@@ -25,12 +25,10 @@ using libfieldwarden::sim::Emergency;
 using libfieldwarden::sim::ObjectAccess;
 using libfieldwarden::sim::ObjectType;
 using libfieldwarden::sim::ShimBoard;
-using libfieldwarden::sim::ShimBoardState;
 using libfieldwarden::sim::SourceError;
 using libfieldwarden::test::ImageBytes;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::PlainImage;
-using libfieldwarden::test::readFile;
 using libfieldwarden::test::Severity;
 using libfieldwarden::test::TemporaryDirectory;
 using libfieldwarden::test::writeFile;
@@ -594,7 +592,7 @@ TEST_F(ShimBoardTest, MustBeClearedAgainAfterATransferThatWasGivenUp) {
 TEST_F(ShimBoardTest, TakesNoMoreThanItsFlashHolds) {
     openFlash();
     auto const stream = mBoard.openStream(kImage, std::nullopt);
-    EXPECT_EQ(stream->write(Bytes(512 * 1024)), 0U);
+    EXPECT_EQ(stream->write(Bytes(std::size_t{512} * 1024)), 0U);
     EXPECT_EQ(stream->write(Bytes(1)), 0x05040005U);
 }
 
