@@ -78,11 +78,22 @@ TEST(ProgramImage, IsRefusedCutOffAtAnyPlace) {
 }
 
 TEST(ProgramImage, IsRefusedWithAnyBitOfItsContentsTurnedOver) {
+    ImageBytes const bytes = PlainImage{.programSize = 100}.bytes();
+    for (std::size_t bit = 0; bit < 8 * bytes.size(); ++bit) {
+        ImageBytes spoilt = bytes;
+        spoilt[bit / 8] ^= static_cast<std::uint8_t>(1U << (bit % 8));
+        EXPECT_NE(refusal(gzipped(spoilt)), FlashError::None) << bit;
+    }
+}
+
+TEST(ProgramImage, IsRefusedWithACompressedByteTurnedOver) {
     ImageBytes const packed = PlainImage{.programSize = 100}.packed();
-    constexpr std::size_t kGzipHeader = 10; // Its time stamp and system byte mean nothing.
-    for (std::size_t byte = kGzipHeader; byte < packed.size(); ++byte) {
+    constexpr std::size_t kHeader = 10;                    // Its time stamp and system byte mean nothing.
+    constexpr std::size_t kTrailer = 8;                    // Check sum and length.
+    std::size_t const last = packed.size() - kTrailer - 1; // Its upper bits may be padding.
+    for (std::size_t byte = kHeader; byte < packed.size(); ++byte) {
         ImageBytes spoilt = packed;
-        spoilt[byte] ^= static_cast<std::uint8_t>(1U << (byte % 8));
+        spoilt[byte] ^= byte == last ? 0x01U : 0xFFU;
         EXPECT_NE(refusal(spoilt), FlashError::None) << byte;
     }
 }
