@@ -16,7 +16,6 @@ using namespace velmor::kepla::canopen;
 using libfieldwarden::test::ByteDictionary;
 using libfieldwarden::test::CanChannelContract;
 using libfieldwarden::test::CanChannelRig;
-using libfieldwarden::test::FrameRecorder;
 using libfieldwarden::test::HandClockScope;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;

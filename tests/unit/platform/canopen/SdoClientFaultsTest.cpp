@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <charconv>
-#include <functional>
+#include <limits>
 #include <sstream>
 #include <string>
 
@@ -69,130 +69,166 @@ struct Bench {
     velmor::platform::Clock::TimePoint now{std::chrono::hours(1)};
 };
 
-using Step = std::function<void(Bench&)>;
+/// One line of a script: plain data, so that the long tables below compile fast.
+struct Step {
+    void (*run)(Bench&, Step const&);
+    char const* text = "";                          ///< Bytes of a frame or of data, in hexadecimal digits.
+    std::uint64_t number = 0;                       ///< Identifier, limit, count, time or abort code.
+    SdoObject object = kObject;                     ///< Of a read.
+    SdoMode mode = SdoMode::Segmented;              ///< Of a transfer.
+    SdoOutcome outcome = SdoOutcome::Done;          ///< Of a transfer.
+    std::uint64_t SdoDropCounts::*reason = nullptr; ///< For which a frame is dropped.
+};
+
+void runUp(Bench& aBench, Step const& aStep) {
+    aBench.expectSilence();
+    aBench.client.startUpload(aStep.object, aStep.number, aBench.now, aStep.mode);
+}
+
+void runDown(Bench& aBench, Step const& aStep) {
+    aBench.expectSilence();
+    aBench.source = hex(aStep.text);
+    aBench.client.startDownload(kObject, aBench.source, aStep.mode, aBench.now);
+}
+
+void runFrom(Bench& aBench, Step const& aStep) {
+    SCOPED_TRACE(testing::Message() << "in " << aStep.text);
+    aBench.expectSilence();
+    aBench.client.onFrame(frameOf(static_cast<std::uint32_t>(aStep.number), aStep.text), aBench.now);
+}
+
+void runOut(Bench& aBench, Step const& aStep) {
+    std::vector<CanFrame>& frames = aBench.sink.frames();
+    if (frames.empty()) {
+        ADD_FAILURE() << "did not come out: " << aStep.text;
+        return;
+    }
+    EXPECT_EQ(toText(frames.front()), toText(frameOf(0x608, aStep.text)));
+    frames.erase(frames.begin());
+}
+
+void runWait(Bench& aBench, Step const& aStep) {
+    aBench.expectSilence();
+    aBench.now += milliseconds(aStep.number);
+    aBench.client.onTime(aBench.now);
+}
+
+void runEnds(Bench& aBench, Step const& aStep) {
+    SdoResult const& result = aBench.client.result();
+    EXPECT_FALSE(aBench.client.busy());
+    EXPECT_EQ(static_cast<int>(result.outcome), static_cast<int>(aStep.outcome)) << result.words;
+    EXPECT_EQ(result.abortCode, aStep.number) << std::hex << result.abortCode;
+}
+
+void runBrings(Bench& aBench, Step const& aStep) {
+    runEnds(aBench, aStep);
+    EXPECT_EQ(Bytes(aBench.client.data().begin(), aBench.client.data().end()), hex(aStep.text));
+}
+
+void runTimedOutUnsent(Bench& aBench, Step const& aStep) {
+    runEnds(aBench, aStep);
+    EXPECT_FALSE(aBench.client.result().requestSent);
+}
+
+void runTimedOut(Bench& aBench, Step const& aStep) {
+    runEnds(aBench, aStep);
+    EXPECT_TRUE(aBench.client.result().requestSent);
+}
+
+void runDropped(Bench& aBench, Step const& aStep) {
+    EXPECT_EQ(aBench.client.dropCounts().*aStep.reason, aStep.number);
+}
 
 /// Reads the object, or another one.
-Step up(SdoObject aObject = kObject, std::size_t aLimit = 100) {
-    return [=](Bench& b) {
-        b.expectSilence();
-        b.client.startUpload(aObject, aLimit, b.now);
-    };
+consteval Step up(SdoObject aObject = kObject, std::size_t aLimit = 100) {
+    return {.run = runUp, .number = aLimit, .object = aObject};
 }
 
-Step blockUp(std::size_t aLimit = 100) {
-    return [=](Bench& b) {
-        b.expectSilence();
-        b.client.startUpload(kObject, aLimit, b.now, SdoMode::Block);
-    };
+consteval Step blockUp(std::size_t aLimit = 100) {
+    return {.run = runUp, .number = aLimit, .mode = SdoMode::Block};
 }
 
-Step down(std::string const& aData, SdoMode aMode = SdoMode::Segmented) {
-    return [=](Bench& b) {
-        b.expectSilence();
-        b.source = hex(aData);
-        b.client.startDownload(kObject, b.source, aMode, b.now);
-    };
+consteval Step down(char const* aData, SdoMode aMode = SdoMode::Segmented) {
+    return {.run = runDown, .text = aData, .mode = aMode};
 }
 
-Step blockDown(std::string const& aData) {
+consteval Step blockDown(char const* aData) {
     return down(aData, SdoMode::Block);
 }
 
 /// A frame comes.
-Step from(std::uint32_t aId, std::string const& aText) {
-    return [=](Bench& b) {
-        SCOPED_TRACE(testing::Message() << "in " << aText);
-        b.expectSilence();
-        b.client.onFrame(frameOf(aId, aText), b.now);
-    };
+consteval Step from(std::uint32_t aId, char const* aFrame) {
+    return {.run = runFrom, .text = aFrame, .number = aId};
 }
 
 /// A frame of the node comes.
-Step in(std::string const& aText) {
-    return from(0x588, aText);
+consteval Step in(char const* aFrame) {
+    return from(0x588, aFrame);
 }
 
 /// A frame goes out.
-Step out(std::string const& aText) {
-    return [=](Bench& b) {
-        if (b.sink.frames().empty()) {
-            ADD_FAILURE() << "did not come out: " << aText;
-            return;
-        }
-        EXPECT_EQ(toText(b.sink.frames().front()), toText(frameOf(0x608, aText)));
-        b.sink.frames().erase(b.sink.frames().begin());
-    };
+consteval Step out(char const* aFrame) {
+    return {.run = runOut, .text = aFrame};
 }
 
-Step wait(milliseconds aTime) {
-    return [=](Bench& b) {
-        b.expectSilence();
-        b.now += aTime;
-        b.client.onTime(b.now);
-    };
+consteval Step wait(milliseconds aTime) {
+    return {.run = runWait, .number = static_cast<std::uint64_t>(aTime.count())};
 }
 
-Step cancel() {
-    return [](Bench& b) { b.client.cancel(); };
+consteval Step cancel() {
+    return {.run = [](Bench& aBench, Step const&) { aBench.client.cancel(); }};
 }
 
-Step restart() {
-    return [](Bench& b) { b.client.nodeRestarted(); };
+consteval Step restart() {
+    return {.run = [](Bench& aBench, Step const&) { aBench.client.nodeRestarted(); }};
 }
 
 /// The transfer is over.
-Step ends(SdoOutcome aOutcome, std::uint32_t aCode) {
-    return [=](Bench& b) {
-        EXPECT_FALSE(b.client.busy());
-        EXPECT_EQ(static_cast<int>(b.client.result().outcome), static_cast<int>(aOutcome))
-            << b.client.result().words;
-        EXPECT_EQ(b.client.result().abortCode, aCode) << std::hex << b.client.result().abortCode;
-    };
+consteval Step ends(SdoOutcome aOutcome, std::uint32_t aCode) {
+    return {.run = runEnds, .number = aCode, .outcome = aOutcome};
 }
 
-Step done() {
+consteval Step done() {
     return ends(SdoOutcome::Done, 0);
 }
 
 /// The transfer is over and brought this.
-Step brings(std::string const& aData) {
-    return [=](Bench& b) {
-        done()(b);
-        EXPECT_EQ(Bytes(b.client.data().begin(), b.client.data().end()), hex(aData));
-    };
+consteval Step brings(char const* aData) {
+    return {.run = runBrings, .text = aData};
 }
 
-Step aborted(std::uint32_t aCode) {
+consteval Step aborted(std::uint32_t aCode) {
     return ends(SdoOutcome::Aborted, aCode);
 }
 
-Step broken(std::uint32_t aCode) {
+consteval Step broken(std::uint32_t aCode) {
     return ends(SdoOutcome::ProtocolError, aCode);
 }
 
 /// The transfer is over for want of an answer.
-Step timedOut(bool aRequestSent = true) {
-    return [=](Bench& b) {
-        ends(SdoOutcome::TimedOut, 0x05040000)(b);
-        EXPECT_EQ(b.client.result().requestSent, aRequestSent);
-    };
+consteval Step timedOut(bool aRequestSent = true) {
+    return {.run = aRequestSent ? runTimedOut : runTimedOutUnsent,
+            .number = 0x05040000,
+            .outcome = SdoOutcome::TimedOut};
 }
 
-Step stillBusy() {
-    return [](Bench& b) { EXPECT_TRUE(b.client.busy()); };
+consteval Step stillBusy() {
+    return {.run = [](Bench& aBench, Step const&) { EXPECT_TRUE(aBench.client.busy()); }};
 }
 
 /// So many frames were dropped for this reason.
-Step dropped(std::uint64_t SdoDropCounts::*aReason, std::uint64_t aCount = 1) {
-    return [=](Bench& b) { EXPECT_EQ(b.client.dropCounts().*aReason, aCount); };
+consteval Step dropped(std::uint64_t SdoDropCounts::*aReason, std::uint64_t aCount = 1) {
+    return {.run = runDropped, .number = aCount, .reason = aReason};
 }
 
-Step noneDropped() {
-    return [](Bench& b) { EXPECT_EQ(b.client.dropCounts().total(), 0U); };
+consteval Step noneDropped() {
+    return {.run = [](Bench& aBench, Step const&) { EXPECT_EQ(aBench.client.dropCounts().total(), 0U); }};
 }
 
-Step memoryBelow(std::size_t aBytes) {
-    return [=](Bench& b) { EXPECT_LT(b.client.bufferCapacity(), aBytes); };
+consteval Step memoryBelow(std::size_t aBytes) {
+    return {.run = [](Bench& aBench,
+                      Step const& aStep) { EXPECT_LT(aBench.client.bufferCapacity(), aStep.number); },
+            .number = aBytes};
 }
 
 struct Case {
@@ -201,27 +237,27 @@ struct Case {
 };
 
 // What comes again and again.
-char const* const kRead = "40 00 30 01 00 00 00 00";        // read 0x3000:01
-char const* const kTimeout = "80 00 30 01 00 00 04 05";     // give 0x3000:01 up: time-out
-char const* const kSync = "40 00 10 00 00 00 00 00";        // read 0x1000:00
-char const* const kSyncAnswer = "43 00 10 00 91 01 0F 00";  // device type 0x000F0191
-char const* const kSync2 = "40 01 10 00 00 00 00 00";       // read 0x1001:00
-char const* const kSync2Answer = "4F 01 10 00 00 00 00 00"; // no error
-char const* const kTen = "01 02 03 04 05 06 07 08 09 0A";   // check sum 0xCD4B
-char const* const kTwentyEight =                            // check sum 0x2F09
+constexpr char const* kRead = "40 00 30 01 00 00 00 00";        // read 0x3000:01
+constexpr char const* kTimeout = "80 00 30 01 00 00 04 05";     // give 0x3000:01 up: time-out
+constexpr char const* kSync = "40 00 10 00 00 00 00 00";        // read 0x1000:00
+constexpr char const* kSyncAnswer = "43 00 10 00 91 01 0F 00";  // device type 0x000F0191
+constexpr char const* kSync2 = "40 01 10 00 00 00 00 00";       // read 0x1001:00
+constexpr char const* kSync2Answer = "4F 01 10 00 00 00 00 00"; // no error
+constexpr char const* kTen = "01 02 03 04 05 06 07 08 09 0A";   // check sum 0xCD4B
+constexpr char const* kTwentyEight =                            // check sum 0x2F09
     "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 14 15 16 17 18 19 1A 1B 1C";
 // Its four segments in blocks of three.
-char const* const kS1 = "01 01 02 03 04 05 06 07";
-char const* const kS2 = "02 08 09 0A 0B 0C 0D 0E";
-char const* const kS3 = "03 0F 10 11 12 13 14 15";
-char const* const kS4 = "81 16 17 18 19 1A 1B 1C"; // the last, first of its block
-char const* const kBlockRead = "A4 00 30 01 03 00 00 00";
-char const* const kBlockOpen = "C6 00 30 01 1C 00 00 00"; // 28 bytes, with check sum
-char const* const kBlockStart = "A3 00 00 00 00 00 00 00";
-char const* const kBlockWrite = "C6 00 30 01 0A 00 00 00"; // 10 bytes
-char const* const kW1 = "01 01 02 03 04 05 06 07";
-char const* const kW2 = "82 08 09 0A 00 00 00 00";
-char const* const kWriteEnd = "D1 4B CD 00 00 00 00 00"; // 4 bytes of the last segment are no data
+constexpr char const* kS1 = "01 01 02 03 04 05 06 07";
+constexpr char const* kS2 = "02 08 09 0A 0B 0C 0D 0E";
+constexpr char const* kS3 = "03 0F 10 11 12 13 14 15";
+constexpr char const* kS4 = "81 16 17 18 19 1A 1B 1C"; // the last, first of its block
+constexpr char const* kBlockRead = "A4 00 30 01 03 00 00 00";
+constexpr char const* kBlockOpen = "C6 00 30 01 1C 00 00 00"; // 28 bytes, with check sum
+constexpr char const* kBlockStart = "A3 00 00 00 00 00 00 00";
+constexpr char const* kBlockWrite = "C6 00 30 01 0A 00 00 00"; // 10 bytes
+constexpr char const* kW1 = "01 01 02 03 04 05 06 07";
+constexpr char const* kW2 = "82 08 09 0A 00 00 00 00";
+constexpr char const* kWriteEnd = "D1 4B CD 00 00 00 00 00"; // 4 bytes of the last segment are no data
 
 using Drop = SdoDropCounts;
 
@@ -398,12 +434,12 @@ std::vector<Case> lateCases() {
 }
 
 std::vector<Case> segmentCases() {
-    char const* const open10 = "41 00 30 01 0A 00 00 00";
-    char const* const open = "40 00 30 01 00 00 00 00"; // size not told
-    char const* const first = "00 01 02 03 04 05 06 07";
-    char const* const last = "19 08 09 0A 00 00 00 00"; // three bytes, toggled, the last
-    char const* const ask0 = "60 00 00 00 00 00 00 00";
-    char const* const ask1 = "70 00 00 00 00 00 00 00";
+    constexpr char const* open10 = "41 00 30 01 0A 00 00 00";
+    constexpr char const* open = "40 00 30 01 00 00 00 00"; // size not told
+    constexpr char const* first = "00 01 02 03 04 05 06 07";
+    constexpr char const* last = "19 08 09 0A 00 00 00 00"; // three bytes, toggled, the last
+    constexpr char const* ask0 = "60 00 00 00 00 00 00 00";
+    constexpr char const* ask1 = "70 00 00 00 00 00 00 00";
     return {
         {"segments",
          {up(), out(kRead), in(open10), out(ask0), in(first), out(ask1), in(last), brings(kTen),
@@ -507,12 +543,12 @@ std::vector<Case> segmentCases() {
 }
 
 std::vector<Case> writeCases() {
-    char const* const ack = "60 00 30 01 00 00 00 00";
-    char const* const open10 = "21 00 30 01 0A 00 00 00";
-    char const* const first = "00 01 02 03 04 05 06 07";
-    char const* const last = "19 08 09 0A 00 00 00 00";
-    char const* const ack0 = "20 00 00 00 00 00 00 00";
-    char const* const ack1 = "30 00 00 00 00 00 00 00";
+    constexpr char const* ack = "60 00 30 01 00 00 00 00";
+    constexpr char const* open10 = "21 00 30 01 0A 00 00 00";
+    constexpr char const* first = "00 01 02 03 04 05 06 07";
+    constexpr char const* last = "19 08 09 0A 00 00 00 00";
+    constexpr char const* ack0 = "20 00 00 00 00 00 00 00";
+    constexpr char const* ack1 = "30 00 00 00 00 00 00 00";
     return {
         {"write four bytes",
          {down("78 56 34 12"), out("23 00 30 01 78 56 34 12"), in(ack), done(), noneDropped()}},
@@ -585,11 +621,11 @@ std::vector<Case> writeCases() {
 
 /// The client takes blocks of three segments.
 std::vector<Case> blockReadCases() {
-    char const* const took3 = "A2 03 03 00 00 00 00 00";
-    char const* const took1 = "A2 01 03 00 00 00 00 00";
-    char const* const took0 = "A2 00 03 00 00 00 00 00";
-    char const* const end = "C1 09 2F 00 00 00 00 00"; // all bytes of the last segment are data
-    char const* const ended = "A1 00 00 00 00 00 00 00";
+    constexpr char const* took3 = "A2 03 03 00 00 00 00 00";
+    constexpr char const* took1 = "A2 01 03 00 00 00 00 00";
+    constexpr char const* took0 = "A2 00 03 00 00 00 00 00";
+    constexpr char const* end = "C1 09 2F 00 00 00 00 00"; // all bytes of the last segment are data
+    constexpr char const* ended = "A1 00 00 00 00 00 00 00";
     std::vector<Case> cases{
         {"block",
          {blockUp(), out(kBlockRead), in(kBlockOpen), out(kBlockStart), in(kS1), in(kS2), in(kS3), out(took3),
@@ -725,9 +761,9 @@ std::vector<Case> blockReadCases() {
 }
 
 std::vector<Case> blockWriteCases() {
-    char const* const open = "A4 00 30 01 7F 00 00 00"; // blocks of 127, with check sum
-    char const* const took2 = "A2 02 7F 00 00 00 00 00";
-    char const* const ended = "A1 00 00 00 00 00 00 00";
+    constexpr char const* open = "A4 00 30 01 7F 00 00 00"; // blocks of 127, with check sum
+    constexpr char const* took2 = "A2 02 7F 00 00 00 00 00";
+    constexpr char const* ended = "A1 00 00 00 00 00 00 00";
     return {
         {"write a block",
          {blockDown(kTen), out(kBlockWrite), in(open), out(kW1), out(kW2), in(took2), out(kWriteEnd),
@@ -836,7 +872,7 @@ void expectNextRequestSucceeds(Bench& aBench) {
         answer.data[4] = 0x2A;
         aBench.client.onFrame(answer, aBench.now);
     }
-    brings("2A")(aBench);
+    runBrings(aBench, brings("2A"));
     aBench.expectSilence();
 }
 
@@ -849,7 +885,7 @@ TEST_P(SdoClientFaults, EndsAsTheProtocolSaysAndLeavesTheNextRequestAlone) {
     std::size_t number = 0;
     for (Step const& step : GetParam().steps) {
         SCOPED_TRACE(testing::Message() << "step " << ++number);
-        step(bench);
+        step.run(bench, step);
     }
     bench.expectSilence();
     expectNextRequestSucceeds(bench);
@@ -931,7 +967,7 @@ TEST(SdoClientCore, TellsItsFailuresInWords) {
     auto const words = [&](std::vector<Step> const& aSteps) {
         bench.now += std::chrono::seconds(10);
         for (Step const& step : aSteps) {
-            step(bench);
+            step.run(bench, step);
         }
         bench.sink.take();
         try {
