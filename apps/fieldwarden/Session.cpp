@@ -18,7 +18,10 @@
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace libfieldwarden::app {
 
@@ -47,6 +50,32 @@ public:
 
 private:
     std::filesystem::path mPath;
+};
+
+/// Keeps a second simulated instrument out of a folder: each would overwrite what the other's boards
+/// remember.
+class Session::FolderLock {
+public:
+    explicit FolderLock(std::filesystem::path const& aFolder)
+        : mDescriptor(open(aFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (mDescriptor < 0 || flock(mDescriptor, LOCK_EX | LOCK_NB) != 0) {
+            int const error = errno;
+            if (mDescriptor >= 0) {
+                ::close(mDescriptor);
+            }
+            if (error == EWOULDBLOCK) {
+                throw WrongUsage("another fieldwarden has its simulated instrument in '" + aFolder.string() +
+                                 "'; wait for its end or give another --data");
+            }
+            throw std::system_error(error, std::generic_category(), "Cannot lock '" + aFolder.string() + "'");
+        }
+    }
+    ~FolderLock() { ::close(mDescriptor); }
+    FolderLock(FolderLock const&) = delete;
+    FolderLock& operator=(FolderLock const&) = delete;
+
+private:
+    int mDescriptor;
 };
 
 Session::Session(SessionOptions const& aOptions)
@@ -81,6 +110,9 @@ void Session::openOnInstrument(SessionOptions const& aOptions) {
 void Session::openOnSimulation(SessionOptions const& aOptions) {
     if (!aOptions.dataDirectory) {
         mScratch = std::make_unique<ScratchDirectory>();
+    } else {
+        std::filesystem::create_directories(*aOptions.dataDirectory);
+        mFolderLock = std::make_unique<FolderLock>(*aOptions.dataDirectory);
     }
     mInstrument = std::make_shared<sim::Instrument>(sim::Instrument::Options{
         .folder = aOptions.dataDirectory ? *aOptions.dataDirectory : mScratch->path(),

@@ -57,6 +57,7 @@ public:
 
 private:
     class ScratchDirectory;
+    class FolderLock;
 
     void openOnInstrument(SessionOptions const& aOptions);
     void openOnSimulation(SessionOptions const& aOptions);
@@ -67,6 +68,7 @@ private:
     std::filesystem::path mDataRoot; ///< What the library was opened with.
     std::optional<MockDirectory> mMockDirectory;
     std::unique_ptr<ScratchDirectory> mScratch; ///< Null when the user named a folder.
+    std::unique_ptr<FolderLock> mFolderLock;    ///< Null when he did not, and on the instrument.
     std::shared_ptr<sim::Instrument> mInstrument;
     FieldwardenInterface* mLibrary = nullptr;
 };
