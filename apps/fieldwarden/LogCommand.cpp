@@ -9,11 +9,13 @@
 #include <velmor/kepla/datalogger/DataLoggerReader.h>
 #include <velmor/kepla/utils/EnumUtils.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cmath>
-#include <sstream>
+#include <ctime>
 #include <stdexcept>
+#include <string_view>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -53,9 +55,10 @@ std::string unitText(DataLoggerUnit aUnit) {
     return std::string(EnumUtils<DataLoggerUnit>::to_string(aUnit));
 }
 
-/// JSON has no word for a number that is none.
-nlohmann::ordered_json jsonNumber(double aValue) {
-    return std::isfinite(aValue) ? nlohmann::ordered_json(aValue) : nlohmann::ordered_json(nullptr);
+/// A value for people: plain numbers and flags have no unit to show.
+std::string valueText(double aValue, DataLoggerUnit aUnit) {
+    bool const plain = aUnit == DataLoggerUnit::Dimensionless || aUnit == DataLoggerUnit::Boolean;
+    return fmt::format("{:>14.9g}{}", aValue, plain ? "" : " " + unitText(aUnit));
 }
 
 struct TimeUnit {
@@ -67,50 +70,68 @@ constexpr TimeUnit kTimeUnits[] = {{"min", std::chrono::minutes(1)},
                                    {"h", std::chrono::hours(1)},
                                    {"d", std::chrono::hours(24)}};
 
-std::optional<SystemTime> backFromNow(std::string const& aText) {
+std::optional<SystemTime> backFrom(SystemTime aNow, std::string const& aText) {
+    using Seconds = std::chrono::duration<double>;
     for (TimeUnit const& unit : kTimeUnits) {
-        if (!aText.ends_with(unit.suffix)) {
-            continue;
+        if (aText.ends_with(unit.suffix)) {
+            double count = 0.0;
+            char const* const end = aText.data() + aText.size() - unit.suffix.size();
+            auto const [stop, error] = std::from_chars(aText.data(), end, count);
+            if (error != std::errc{} || stop != end || !std::isfinite(count) || count < 0.0) {
+                return std::nullopt;
+            }
+            Seconds const back = std::min<Seconds>(count * unit.length, aNow.time_since_epoch());
+            return aNow - std::chrono::duration_cast<SystemTime::duration>(back);
         }
-        double count = 0.0;
-        char const* const end = aText.data() + aText.size() - unit.suffix.size();
-        auto const [stop, error] = std::from_chars(aText.data(), end, count);
-        if (error == std::errc{} && stop == end && count >= 0.0 && count < 1e9) {
-            return std::chrono::system_clock::now() -
-                   std::chrono::duration_cast<std::chrono::system_clock::duration>(count * unit.length);
-        }
-        return std::nullopt;
     }
     return std::nullopt;
+}
+
+/// What may stand behind a point in time: parts of a second, and "Z".
+std::optional<SystemTime::duration> restOfTime(std::string_view aText) {
+    double seconds = 0.0;
+    if (aText.starts_with('.')) {
+        auto const [stop, error] =
+            std::from_chars(aText.data(), aText.data() + aText.size(), seconds, std::chars_format::fixed);
+        if (error != std::errc{}) {
+            return std::nullopt;
+        }
+        aText.remove_prefix(static_cast<std::size_t>(stop - aText.data()));
+    }
+    if (!aText.empty() && aText != "Z") {
+        return std::nullopt;
+    }
+    return std::chrono::round<std::chrono::microseconds>(std::chrono::duration<double>(seconds));
 }
 
 std::optional<SystemTime> pointInTime(std::string const& aText) {
+    using namespace std::chrono;
+    constexpr int kFirstYear = 1970;
+    constexpr int kLastYear = 2200; // The clock's nanoseconds end in 2262.
     for (char const* const form : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d"}) {
         std::tm fields{};
-        std::istringstream stream(aText);
-        stream >> std::get_time(&fields, form);
-        if (!stream.fail() && (stream.peek() == std::char_traits<char>::eof() || stream.peek() == 'Z')) {
-            return std::chrono::system_clock::from_time_t(timegm(&fields));
+        if (char const* const rest = strptime(aText.c_str(), form, &fields)) {
+            int const inYear = fields.tm_year + 1900;
+            year_month_day const date(year(inYear), month(static_cast<unsigned>(fields.tm_mon) + 1),
+                                      day(static_cast<unsigned>(fields.tm_mday)));
+            auto const more = restOfTime(rest);
+            if (!date.ok() || inYear < kFirstYear || inYear > kLastYear || !more) {
+                return std::nullopt;
+            }
+            return sys_days(date) + hours(fields.tm_hour) + minutes(fields.tm_min) + seconds(fields.tm_sec) +
+                   *more;
         }
     }
     return std::nullopt;
-}
-
-SystemTime parseSince(std::string const& aText) {
-    if (auto const back = backFromNow(aText)) {
-        return *back;
-    }
-    if (auto const point = pointInTime(aText)) {
-        return *point;
-    }
-    throw WrongUsage("'" + aText + "' is not a time, as in 10min, 2h, 1d or 2026-11-21T14:00");
 }
 
 nlohmann::ordered_json jsonOf(DataLoggerChannelSummary const& aChannel) {
     nlohmann::ordered_json json{{"channel", aChannel.name},
                                 {"unit", unitText(aChannel.unit)},
                                 {"description", aChannel.description},
-                                {"count", aChannel.count}};
+                                {"count", aChannel.count},
+                                {"lastTime", nullptr},
+                                {"lastValue", nullptr}};
     if (aChannel.last) {
         json["lastTime"] = timeText(aChannel.last->time);
         json["lastValue"] = jsonNumber(aChannel.last->value);
@@ -119,9 +140,9 @@ nlohmann::ordered_json jsonOf(DataLoggerChannelSummary const& aChannel) {
 }
 
 std::string textOf(DataLoggerChannelSummary const& aChannel) {
-    std::string const last = aChannel.last ? fmt::format("{:.6g}", aChannel.last->value) : "-";
-    return fmt::format("{:<44} {:>8}  {:>12} {:<8} {}\n", aChannel.name, aChannel.count, last,
-                       unitText(aChannel.unit), aChannel.description);
+    std::string const last =
+        aChannel.last ? valueText(aChannel.last->value, aChannel.unit) : fmt::format("{:>14}", "-");
+    return fmt::format("{:<40} {:>8} {:<20} {}\n", aChannel.name, aChannel.count, last, aChannel.description);
 }
 
 /// Writes the samples of a channel, one by one, in the wanted form.
@@ -138,25 +159,61 @@ public:
         }
     }
 
-    void write(DataLoggerSample const& aSample) const {
-        auto const status = EnumUtils<DataLoggerStatusCode>::to_string(aSample.status);
-        if (mCsv) {
-            print(fmt::format("{},{:.17g},{}\n", timeText(aSample.time), aSample.value, status));
-        } else if (mForm == Form::Json) {
-            nlohmann::ordered_json const line{{"schema", 1},
-                                              {"t", timeText(aSample.time)},
-                                              {"value", jsonNumber(aSample.value)},
-                                              {"status", status}};
-            print(line.dump() + "\n");
-        } else if (mForm == Form::Quiet) {
-            print(fmt::format("{:.9g}\n", aSample.value));
-        } else {
-            print(fmt::format("{}  {:>14.9g} {}\n", timeText(aSample.time), aSample.value,
-                              unitText(mChannel.unit)));
-        }
+    /// @return Whether somebody still reads.
+    bool write(DataLoggerSample const& aSample) const {
+        return print(mCsv                   ? csvOf(aSample)
+                     : mForm == Form::Json  ? jsonLineOf(aSample)
+                     : mForm == Form::Quiet ? bareOf(aSample)
+                                            : textLineOf(aSample));
     }
 
 private:
+    static std::string statusOf(DataLoggerSample const& aSample) {
+        return std::string(EnumUtils<DataLoggerStatusCode>::to_string(aSample.status));
+    }
+
+    /// Whether the sample is none: its value is the number of those that were lost then.
+    static bool isGap(DataLoggerSample const& aSample) {
+        return aSample.status == DataLoggerStatusCode::SamplesLost;
+    }
+
+    static std::string gapText(DataLoggerSample const& aSample) {
+        return fmt::format("{:.0f} {}", aSample.value, statusOf(aSample));
+    }
+
+    static std::string csvOf(DataLoggerSample const& aSample) {
+        std::string const time = timeText(aSample.time);
+        return isGap(aSample) ? fmt::format("{},,{}\n", time, gapText(aSample))
+                              : fmt::format("{},{},{}\n", time, aSample.value, statusOf(aSample));
+    }
+
+    std::string jsonLineOf(DataLoggerSample const& aSample) const {
+        nlohmann::ordered_json line{{"schema", 1},
+                                    {"t", timeText(aSample.time)},
+                                    {"value", isGap(aSample) ? nullptr : jsonNumber(aSample.value)},
+                                    {"unit", unitText(mChannel.unit)},
+                                    {"status", statusOf(aSample)}};
+        if (isGap(aSample)) {
+            line["lost"] = static_cast<std::uint64_t>(aSample.value);
+        }
+        return line.dump() + "\n";
+    }
+
+    static std::string bareOf(DataLoggerSample const& aSample) {
+        return isGap(aSample) ? "" : fmt::format("{}\n", aSample.value);
+    }
+
+    std::string textLineOf(DataLoggerSample const& aSample) const {
+        std::string const time = timeText(aSample.time);
+        if (isGap(aSample)) {
+            return fmt::format("{}  {}\n", time, gapText(aSample));
+        }
+        std::string const value = valueText(aSample.value, mChannel.unit);
+        return aSample.status == DataLoggerStatusCode::Good
+                   ? fmt::format("{}  {}\n", time, value)
+                   : fmt::format("{}  {} {}\n", time, value, statusOf(aSample));
+    }
+
     Form mForm;
     bool mCsv;
     DataLoggerChannelSummary const& mChannel;
@@ -164,8 +221,20 @@ private:
 
 } // namespace
 
-int logList(LogOptions const& aOptions) {
-    auto const channels = DataLoggerReader(fileOf(aOptions)).channels();
+SystemTime parseSince(std::string const& aText, SystemTime aNow) {
+    if (auto const back = backFrom(aNow, aText)) {
+        return *back;
+    }
+    if (auto const point = pointInTime(aText)) {
+        return *point;
+    }
+    throw WrongUsage("'" + aText + "' is not a time, as in 10min, 2h, 1d, 2026-11-21 or 2026-11-21T14:00");
+}
+
+int logList(LogOptions const& aOptions, bool aAll) {
+    auto channels = DataLoggerReader(fileOf(aOptions)).channels();
+    std::erase_if(channels,
+                  [&](DataLoggerChannelSummary const& aChannel) { return aChannel.hidden && !aAll; });
     if (aOptions.form == Form::Json) {
         auto list = nlohmann::ordered_json::array();
         for (auto const& channel : channels) {
@@ -183,17 +252,15 @@ int logList(LogOptions const& aOptions) {
 int logShow(LogOptions const& aOptions, LogShowOptions const& aShow) {
     DataLoggerQuery query;
     if (aShow.since) {
-        query.since = parseSince(*aShow.since);
+        query.since = parseSince(*aShow.since, std::chrono::system_clock::now());
     }
     DataLoggerReader const reader(fileOf(aOptions));
     try {
         auto const channel = reader.channel(aShow.channel);
         SampleWriter const writer(aOptions.form, aShow.csv, channel);
         writer.begin();
-        reader.samples(aShow.channel, query, [&](DataLoggerSample const& aSample) {
-            writer.write(aSample);
-            return true;
-        });
+        reader.samples(aShow.channel, query,
+                       [&](DataLoggerSample const& aSample) { return writer.write(aSample); });
     } catch (std::invalid_argument const& error) {
         throw WrongUsage(std::string(error.what()) + "; 'fieldwarden log list' names the channels");
     }

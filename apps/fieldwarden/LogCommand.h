@@ -4,6 +4,7 @@
 
 #include "apps/fieldwarden/Output.h"
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -20,14 +21,22 @@ struct LogOptions {
 /// What of a channel is shown.
 struct LogShowOptions {
     std::string channel;
-    std::optional<std::string>
-        since; ///< "10min", "2h", "1d" back from now, or "2026-11-21T14:00[:00]" (UTC).
+    std::optional<std::string> since; ///< As parseSince() takes it.
     bool csv = false;
 };
 
+/// @param aText  "10min", "2h" or "1d" back from now, or "2026-11-21", "2026-11-21T14:00",
+/// "2026-11-21T14:00:05.250Z"
+///               (always UTC).
+/// @param aNow   What "now" is.
+/// @throws WrongUsage  when it is none of these.
+std::chrono::system_clock::time_point parseSince(std::string const& aText,
+                                                 std::chrono::system_clock::time_point aNow);
+
 /// Lists the channels.
+/// @param aAll  Those, too, that are meant for service only.
 /// @throws WrongUsage, std::runtime_error  when there is no file to read.
-int logList(LogOptions const& aOptions);
+int logList(LogOptions const& aOptions, bool aAll);
 
 /// Shows the samples of a channel, oldest first.
 /// @throws WrongUsage             for a time that cannot be read or a channel that is not there.

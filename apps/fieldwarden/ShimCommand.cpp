@@ -4,13 +4,17 @@
 
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/ShimText.h"
+#include "apps/fieldwarden/StopSignal.h"
+#include "apps/fieldwarden/WrongUsage.h"
 
 #include <fieldwarden/BoundedValue.h>
 #include <fieldwarden/ShimInterface.h>
 
+#include <algorithm>
 #include <functional>
-#include <map>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -18,10 +22,15 @@ namespace libfieldwarden::app {
 
 namespace {
 
-/// Opens the library with the shim system set, runs a piece of work, and closes in order.
+/// Opens the library with the shim system set, runs a piece of work, and closes in order. A Ctrl-C waits
+/// until the work is done: it must leave neither half a parameter set nor a simulated instrument behind.
 int withShim(ShimOptions const& aOptions, std::function<void(ShimInterface&, Session&)> const& aWork) {
+    StopSignal const stop;
     Session session(aOptions.session);
     aWork(session.shim(), session);
+    if (!stop.name().empty()) {
+        complain(stop.name() + ", closing; what was asked for is done");
+    }
     session.close();
     return kDone;
 }
@@ -33,6 +42,7 @@ std::vector<std::string> activeNames(ShimInterface& aShim) {
 
 std::vector<Gradient> gradientsOf(ShimInterface& aShim, std::vector<std::string> const& aNames) {
     std::vector<Gradient> gradients;
+    gradients.reserve(aNames.size());
     for (std::string const& name : aNames) {
         gradients.emplace_back(name, aShim.getSingleShim(name).value);
     }
@@ -71,6 +81,35 @@ void printGradients(ShimInterface& aShim,
     print(text);
 }
 
+/// The library takes these and leaves them at 0: their user should know.
+void tellOfAbsent(ShimInterface& aShim, std::vector<std::string> const& aNames) {
+    auto const active = activeNames(aShim);
+    for (std::string const& name : aNames) {
+        if (std::find(active.begin(), active.end(), name) == active.end()) {
+            complain(fmt::format("shim system {} has no gradient '{}': it stays 0", aShim.getShimId(), name));
+        }
+    }
+}
+
+std::vector<std::string> namesOf(std::vector<ShimFileLine> const& aLines) {
+    std::vector<std::string> names;
+    names.reserve(aLines.size());
+    for (ShimFileLine const& line : aLines) {
+        names.push_back(line.gradient.first);
+    }
+    return names;
+}
+
+void setFromFile(ShimInterface& aShim, std::filesystem::path const& aFile, ShimFileLine const& aLine) {
+    auto const& [name, value] = aLine.gradient;
+    try {
+        aShim.setSingleShim(name, value);
+    } catch (std::invalid_argument const& error) {
+        throw std::runtime_error(
+            fmt::format("Shim file '{}', line {}: {}", aFile.string(), aLine.number, error.what()));
+    }
+}
+
 } // namespace
 
 int shimList(ShimOptions const& aOptions) {
@@ -90,7 +129,11 @@ int shimSet(ShimOptions const& aOptions, std::vector<std::string> const& aAssign
     std::vector<Gradient> wanted;
     for (std::string const& assignment : aAssignments) {
         wanted.push_back(parseAssignment(assignment));
-        names.push_back(wanted.back().first);
+        std::string const& name = wanted.back().first;
+        if (std::find(names.begin(), names.end(), name) != names.end()) {
+            throw WrongUsage("'" + name + "' is given two values");
+        }
+        names.push_back(name);
     }
     return withShim(aOptions, [&](ShimInterface& aShim, Session&) {
         setTogether(aShim, [&] {
@@ -98,6 +141,7 @@ int shimSet(ShimOptions const& aOptions, std::vector<std::string> const& aAssign
                 aShim.setSingleShim(name, value);
             }
         });
+        tellOfAbsent(aShim, names);
         printGradients(aShim, aOptions, gradientsOf(aShim, names));
     });
 }
@@ -110,7 +154,7 @@ int shimCurrent(ShimOptions const& aOptions, unsigned int aIndex, std::optional<
         }
         double const ampere = aShim.getShimCurrent(aIndex).value;
         if (aOptions.form == Form::Json) {
-            printJson({{"index", aIndex}, {"ampere", ampere}});
+            printJson({{"index", aIndex}, {"ampere", jsonNumber(ampere)}});
         } else {
             print(aOptions.form == Form::Quiet ? fmt::format("{:.6f}\n", ampere)
                                                : fmt::format("current {}: {:.6f} A\n", aIndex, ampere));
@@ -119,18 +163,21 @@ int shimCurrent(ShimOptions const& aOptions, unsigned int aIndex, std::optional<
 }
 
 int shimLoad(ShimOptions const& aOptions, std::filesystem::path const& aFile) {
-    auto const wanted = readShimFile(aFile);
+    auto const lines = readShimFile(aFile);
+    if (lines.empty()) {
+        complain("'" + aFile.string() + "' names no gradient: all of them become 0");
+    }
     return withShim(aOptions, [&](ShimInterface& aShim, Session&) {
         auto const names = activeNames(aShim);
-        std::map<std::string, int> all = wanted;
-        for (std::string const& name : names) {
-            all.try_emplace(name, 0);
-        }
         setTogether(aShim, [&] {
-            for (auto const& [name, value] : all) {
-                aShim.setSingleShim(name, value);
+            for (std::string const& name : names) {
+                aShim.setSingleShim(name, 0);
+            }
+            for (ShimFileLine const& line : lines) {
+                setFromFile(aShim, aFile, line);
             }
         });
+        tellOfAbsent(aShim, namesOf(lines));
         printGradients(aShim, aOptions, gradientsOf(aShim, names));
     });
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line: which subcommand, with which options, and what its end means to the shell.
 #include "apps/fieldwarden/ExitCode.h"
+#include "apps/fieldwarden/HelpText.h"
 #include "apps/fieldwarden/LogCommand.h"
 #include "apps/fieldwarden/Output.h"
 #include "apps/fieldwarden/RunCommand.h"
@@ -29,13 +30,11 @@ namespace {
 class CommandLine {
 public:
     CommandLine()
-        : mProgram(
-              "Magnet control of the Q47 spectrometers: opens libfieldwarden on the instrument or on a "
-              "simulated one",
-              "fieldwarden") {
+        : mProgram("Magnet control of the Q47 spectrometers, on the instrument or a simulated one",
+                   "fieldwarden") {
         mProgram.set_version_flag("--version", std::string("fieldwarden ") + velmor::platform::version());
         mProgram.require_subcommand(1);
-        mProgram.get_formatter()->column_width(30);
+        mProgram.formatter(std::make_shared<HelpText>(mUsage)); // Subcommands inherit it.
         mUsage[&mProgram] = "SUBCOMMAND …";
         addRun();
         addShim();
@@ -53,11 +52,18 @@ public:
             complain(usage());
             return kWrongUsage;
         }
-        return mChosen();
+        int const end = mChosen();
+        flushOutput();
+        return end;
     }
 
 private:
     using Work = std::function<int()>;
+
+    static constexpr char const* kThrowAway =
+        "With --simulate and without --data, the command works on a fresh instrument of its own, which is "
+        "gone when "
+        "it ends: what is set is then shown but not kept.";
 
     /// A check whose form does not stand in the help text: the option's own words say it better.
     static CLI::Validator quiet(CLI::Validator aValidator) { return aValidator.description(""); }
@@ -90,8 +96,8 @@ private:
             ->type_name("N");
         aCommand
             .add_option("--data", aOptions.dataDirectory,
-                        "Folder that the simulated instrument keeps its files in, from run to run; without "
-                        "--simulate the data root of the instrument (default /data)")
+                        "Folder in which the simulated instrument keeps its files and its boards' state from "
+                        "run to run; without --simulate the data root (default /data)")
             ->type_name("DIR");
         aCommand
             .add_option("--system", aOptions.shimSystem,
@@ -111,10 +117,10 @@ private:
 
     static void addFormOptions(CLI::App& aCommand, Form& aForm) {
         auto* const json = aCommand.add_flag_callback(
-            "--json", [&aForm] { aForm = Form::Json; }, "As JSON");
+            "--json", [&aForm] { aForm = Form::Json; }, "As JSON, for programs");
         aCommand
             .add_flag_callback(
-                "-q,--quiet", [&aForm] { aForm = Form::Quiet; }, "The bare values")
+                "-q,--quiet", [&aForm] { aForm = Form::Quiet; }, "The bare values, one a line")
             ->excludes(json);
     }
 
@@ -144,6 +150,7 @@ private:
         CLI::App& command = add(aShim, aName, aMeaning,
                                 std::string("shim ") + aName + aArguments +
                                     " [--simulate] [--data DIR] [--system N] [--json|-q]");
+        command.footer(kThrowAway);
         auto const options = std::make_shared<ShimOptions>();
         addSessionOptions(command, options->session);
         addFormOptions(command, options->form);
@@ -158,20 +165,21 @@ private:
         CLI::App& shim = add(mProgram, "shim", "Gradients and currents of the shim coils",
                              "shim list|get|set|current|load|save|relations|system …");
         shim.require_subcommand(1);
+        shim.footer(kThrowAway);
         addShimCommand(shim, "list", "All gradients that the shim system has", "", shimList);
         addShimCommand(shim, "relations", "How gradients and coils depend on each other", "", shimRelations);
 
         auto const names = std::make_shared<std::vector<std::string>>();
         addShimCommand(shim, "get", "Gradients by name", " NAME…",
                        [names](ShimOptions const& aOptions) { return shimGet(aOptions, *names); })
-            .add_option("names", *names, "Names of gradients, as 'shim list' gives them")
+            .add_option("NAME", *names, "Names of gradients, as 'shim list' gives them")
             ->required()
             ->type_name("NAME…");
 
         auto const assignments = std::make_shared<std::vector<std::string>>();
         addShimCommand(shim, "set", "Set gradients, all at once", " NAME=VALUE…",
                        [assignments](ShimOptions const& aOptions) { return shimSet(aOptions, *assignments); })
-            .add_option("assignments", *assignments, "A gradient and its value in units, as in Z=1200")
+            .add_option("ASSIGNMENT", *assignments, "A gradient and its value in units, as in Z=1200")
             ->required()
             ->type_name("NAME=VALUE…");
 
@@ -180,26 +188,34 @@ private:
         CLI::App& current = addShimCommand(
             shim, "current", "Show or set one current", " INDEX [VALUE]",
             [index, value](ShimOptions const& aOptions) { return shimCurrent(aOptions, *index, *value); });
-        current.add_option("index", *index, "0 to 33")->required()->type_name("INDEX");
-        current.add_option("value", *value, "The new current, as in 0.25, 0.25A or 250mA")
+        current.add_option("INDEX", *index, "0 to 16 on the first board, 17 to 33 on the second")
+            ->required()
+            ->check(quiet(CLI::Range(0, 33)))
+            ->type_name("INDEX");
+        current.add_option("VALUE", *value, "The new current, -1 A to 1 A, as in 0.25, 0.25A or 250mA")
             ->type_name("VALUE");
 
         auto const file = std::make_shared<std::filesystem::path>();
         addShimCommand(shim, "load", "Set all gradients from a shim file", " FILE",
                        [file](ShimOptions const& aOptions) { return shimLoad(aOptions, *file); })
-            .add_option("file", *file, "The shim file; gradients that it does not name become 0")
+            .add_option(
+                "FILE", *file,
+                "The shim file: a gradient a line, as in 'Z 1200'; those that it does not name become 0")
             ->required()
             ->type_name("FILE");
         addShimCommand(shim, "save", "Write all gradients to a shim file", " FILE",
                        [file](ShimOptions const& aOptions) { return shimSave(aOptions, *file); })
-            .add_option("file", *file, "The shim file")
+            .add_option("FILE", *file, "The shim file; one that is there is replaced")
             ->required()
             ->type_name("FILE");
 
         auto const system = std::make_shared<int>(0);
-        addShimCommand(shim, "system", "Choose the shim system, also for later runs", " 8|9|10|11",
-                       [system](ShimOptions const& aOptions) { return shimSystem(aOptions, *system); })
-            .add_option("system", *system, "8 wmxs1a, 9 wmxs1b, 10 wmxs1c, 11 wmxs2a")
+        CLI::App& choose =
+            addShimCommand(shim, "system", "Choose the shim system, also for later runs", " 8|9|10|11",
+                           [system](ShimOptions const& aOptions) { return shimSystem(aOptions, *system); });
+        choose.remove_option(choose.get_option("--system")); // The same, said twice.
+        mUsage[&choose] = "shim system 8|9|10|11 [--simulate] [--data DIR] [--json|-q]";
+        choose.add_option("SYSTEM", *system, "8 wmxs1a, 9 wmxs1b, 10 wmxs1c, 11 wmxs2a")
             ->required()
             ->check(quiet(CLI::Range(8, 11)))
             ->type_name("8|9|10|11");
@@ -215,7 +231,7 @@ private:
             add(aLog, aName, aMeaning,
                 std::string("log ") + aName + aArguments + " [--simulate] [--data DIR] [--json|-q]");
         auto const options = std::make_shared<LogOptions>();
-        command.add_flag("--simulate", options->simulate, "The log of a simulated instrument");
+        command.add_flag("--simulate", options->simulate, "The log of a simulated instrument; needs --data");
         command
             .add_option(
                 "--data", options->data,
@@ -229,19 +245,26 @@ private:
     void addLog() {
         CLI::App& log = add(mProgram, "log", "What the data logger has kept", "log list|show …");
         log.require_subcommand(1);
-        addLogCommand(log, "list", "All channels with their newest values", "", logList);
+        auto const all = std::make_shared<bool>(false);
+        addLogCommand(log, "list", "The channels with their newest values", " [--all]",
+                      [all](LogOptions const& aOptions) { return logList(aOptions, *all); })
+            .add_flag("--all", *all, "Also the channels that are meant for service only");
         auto const show = std::make_shared<LogShowOptions>();
         CLI::App& command = addLogCommand(
             log, "show", "The samples of a channel, oldest first", " CHANNEL [--since TIME] [--csv]",
             [show](LogOptions const& aOptions) { return logShow(aOptions, *show); });
-        command.add_option("channel", show->channel, "Name of the channel, as 'log list' gives it")
+        command.add_option("CHANNEL", show->channel, "Name of the channel, as 'log list' gives it")
             ->required()
             ->type_name("CHANNEL");
         command
             .add_option("--since", show->since,
-                        "From then on: 10min, 2h, 1d back from now, or 2026-11-21T14:00 (UTC)")
+                        "From then on: 30s, 10min, 2h or 1d back from now, or a time in UTC: 2026-11-21, "
+                        "2026-11-21T14:00, "
+                        "2026-11-21T14:00:05.250Z")
             ->type_name("TIME");
-        command.add_flag("--csv", show->csv, "As CSV with a header line");
+        command.add_flag("--csv", show->csv, "As CSV with a header line")
+            ->excludes(command.get_option("--json"))
+            ->excludes(command.get_option("--quiet"));
     }
 
     /// What to say when a word is no subcommand: the parser itself would only ask for one.
@@ -272,7 +295,7 @@ private:
     }
 
     CLI::App mProgram;
-    std::map<CLI::App const*, std::string> mUsage;
+    HelpText::Usage mUsage;
     Work mChosen;
 };
 
