@@ -5,40 +5,14 @@
 usage: test_command.py PROGRAM [unittest arguments]
 """
 import json
-import os
 import pathlib
-import pty
-import select
 import signal
-import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-PROGRAM = None
-MOCK = pathlib.Path('/tmp/lockmock')
-LONG = 60  # seconds that nothing here needs, but a slow machine might
-
-
-def start(*arguments, **options):
-    options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, 'text': True, **options}
-    return subprocess.Popen([PROGRAM, *arguments], **options)
-
-
-def run(*arguments):
-    """Runs to the end: exit code, standard output, standard error."""
-    process = start(*arguments)
-    out, err = process.communicate(timeout=LONG)
-    return process.returncode, out, err
-
-
-def lines_until(process, wanted):
-    """Reads standard output up to the first line that `wanted` takes; gives that line."""
-    for line in process.stdout:
-        if wanted(line):
-            return line
-    raise AssertionError('the output ended first: ' + process.stderr.read())
+import commandline
+from commandline import LONG, MOCK, lines_until, run, shown_on_terminal, start
 
 
 class WithoutMockDirectory(unittest.TestCase):
@@ -94,7 +68,7 @@ class Run(WithoutMockDirectory):
         self.assertEqual(code, 0, err)
         self.assertIn('open on the simulated instrument, lock: mock', out)
         self.assertIn('closed', out)
-        self.assertRegex(err, r'fieldwarden: closed after \d+\.\d s, 2 events\n$')
+        self.assertRegex(err, rf'fieldwarden: closed after \d+\.\d s, {len(out.splitlines())} events\n$')
         self.assertFalse(MOCK.exists())
 
     def test_shows_a_warning_within_two_seconds(self):
@@ -176,30 +150,12 @@ class Run(WithoutMockDirectory):
 
 
 class Terminal(WithoutMockDirectory):
-    def output_on_terminal(self, environment):
-        """What a run shows on a terminal of its own."""
-        leader, follower = pty.openpty()
-        process = start('run', '--simulate', '--for', '0.2', stdout=follower, env={**os.environ, **environment})
-        os.close(follower)
-        shown = b''
-        while select.select([leader], [], [], LONG)[0]:
-            try:
-                piece = os.read(leader, 4096)
-            except OSError:  # the terminal has lost its last writer
-                break
-            if not piece:
-                break
-            shown += piece
-        os.close(leader)
-        process.communicate(timeout=LONG)
-        return shown
-
     def test_colours_on_a_terminal_only_and_never_with_no_color(self):
-        self.assertIn(b'\x1b[', self.output_on_terminal({'NO_COLOR': ''}))
-        self.assertNotIn(b'\x1b[', self.output_on_terminal({'NO_COLOR': '1'}))
-        self.assertNotIn('\x1b[', run('run', '--simulate', '--for', '0.2')[1])
+        command = ('run', '--simulate', '--for', '0.2')
+        self.assertIn(b'\x1b[', shown_on_terminal(*command, environment={'NO_COLOR': ''}))
+        self.assertNotIn(b'\x1b[', shown_on_terminal(*command, environment={'NO_COLOR': '1'}))
+        self.assertNotIn('\x1b[', run(*command)[1])
 
 
 if __name__ == '__main__':
-    PROGRAM = sys.argv.pop(1)
-    unittest.main(verbosity=2)
+    commandline.main()
