@@ -27,9 +27,8 @@ using Reason = CanLinkError::Reason;
 
 constexpr TimePoint kNever = TimePoint::max();
 
-/// How long before a frame arrives its receiver stops sleeping, on the real clock. A frame at 1 Mbit/s takes
-/// about as long.
-constexpr Duration kActiveWait = std::chrono::microseconds(100);
+/// The most by which a participant may lag behind the bus: see Port::lag.
+constexpr Duration kMaximalLag = std::chrono::milliseconds(10);
 
 /// Looks at an empty queue before a receiver goes to sleep: at the most, and where looking was in vain
 /// lately. The most is some 20 us, which is what falling asleep and waking costs.
@@ -44,6 +43,12 @@ void relax() noexcept {
 #endif
 }
 
+/// A frame in a receiver's queue.
+struct Received {
+    CanFrame frame;
+    TimePoint arrival; ///< With a bit rate.
+};
+
 /// Received frames in order, at most so many; memory comes with the first frames.
 class FrameQueue {
 public:
@@ -52,7 +57,7 @@ public:
 
     bool empty() const noexcept { return mSize == 0; }
 
-    bool push(CanFrame const& aFrame) {
+    bool push(Received const& aFrame) {
         if (mSize == mFrames.size()) {
             if (mSize == mLimit) {
                 return false;
@@ -67,8 +72,8 @@ public:
         return true;
     }
 
-    CanFrame pop() noexcept {
-        CanFrame const frame = mFrames[mFirst];
+    Received pop() noexcept {
+        Received const frame = mFrames[mFirst];
         mFirst = (mFirst + 1) % mFrames.size();
         --mSize;
         return frame;
@@ -78,7 +83,7 @@ public:
 
 private:
     std::size_t mLimit;
-    std::vector<CanFrame> mFrames;
+    std::vector<Received> mFrames;
     std::size_t mFirst = 0;
     std::size_t mSize = 0;
 };
@@ -135,8 +140,9 @@ public:
         bool sleeping = false;             ///< Its reader sleeps.
         std::atomic<bool> changed = false; ///< There is something for its reader to look at.
         unsigned looks = kFewestLooks;     ///< Before its reader goes to sleep; its reader's.
-        std::condition_variable wake;      ///< Of its reader.
-        std::condition_variable room;      ///< Of its senders that wait for room.
+        Duration lag{}; ///< By how much its reader woke too late for the frame it has last waited for.
+        std::condition_variable wake; ///< Of its reader.
+        std::condition_variable room; ///< Of its senders that wait for room.
     };
     using PortPtr = std::shared_ptr<Port>;
 
@@ -303,6 +309,13 @@ private:
         return &aPort != aWaiting.sender && wants(aPort, aWaiting.frame);
     }
 
+    /// Whether a frame that reaches the port is on its way. If not, none comes before somebody sends again.
+    bool concerns(Port const& aPort) const {
+        return (mOnBus && reaches(aPort, *mOnBus)) ||
+               std::any_of(mWaiting.begin(), mWaiting.end(),
+                           [&](Waiting const& aWaiting) { return reaches(aPort, aWaiting); });
+    }
+
     /// There is nothing that a frame would have to wait for or that could happen to it.
     bool plain() const noexcept {
         return mBitRate == 0 && mWaiting.empty() && !mOnBus && !mHeld && mFaults.empty() && mSilent.empty();
@@ -346,14 +359,14 @@ private:
         aLock.lock();
     }
 
-    void deliver(CanFrame const& aFrame, Port const* aSender) {
+    void deliver(CanFrame const& aFrame, Port const* aSender, TimePoint aArrival) {
         for (PortPtr const& port : mPorts) {
             if (port.get() == aSender || !wants(*port, aFrame)) {
                 continue;
             }
             if (port->fault && port->fault != Reason::TransmitQueueFull) {
                 ++mCounters.dropped;
-            } else if (port->received.push(aFrame)) {
+            } else if (port->received.push({aFrame, aArrival})) {
                 ++mCounters.delivered;
                 touch(*port);
             } else {
@@ -368,12 +381,11 @@ private:
     void arbitrate(TimePoint aStart);
     TimePoint nextEvent() const;
     void sleep(std::unique_lock<std::mutex>& aLock, Port& aPort, TimePoint aUntil);
-    void waitActively(std::unique_lock<std::mutex>& aLock, Port& aPort, TimePoint aUntil);
+    CanFrame take(Port& aPort, TimePoint aEntered);
     static void lookForChange(std::unique_lock<std::mutex>& aLock, Port& aPort);
 
     InProcessBusSettings const mSettings;
     Clock& mClock;
-    bool const mRealClock = &mClock == &Clock::real();
 
     std::mutex mMutex; ///< Guards all below and the ports.
     std::uint32_t mBitRate;
@@ -399,7 +411,7 @@ void InProcessBus::Shared::send(Port& aPort, CanFrame const& aFrame) {
     throwIf(aPort, true);
     if (plain()) {
         ++mCounters.sent;
-        deliver(aFrame, &aPort);
+        deliver(aFrame, &aPort, {});
     } else {
         waitForRoom(lock, aPort);
         ++mCounters.sent;
@@ -430,7 +442,7 @@ void InProcessBus::Shared::waitForRoom(std::unique_lock<std::mutex>& aLock, Port
 
 /// Puts a frame into the line for the bus, or what the faults leave of it.
 void InProcessBus::Shared::queueWithFaults(Port& aPort, CanFrame const& aFrame) {
-    Waiting waiting{aFrame, &aPort, mClock.now()};
+    Waiting waiting{aFrame, &aPort, mClock.now() - aPort.lag};
     std::size_t copies = 1;
     if (std::any_of(mSilent.begin(), mSilent.end(),
                     [&](std::uint8_t aNode) { return comesFrom(aFrame.id, aNode); })) {
@@ -484,7 +496,7 @@ void InProcessBus::Shared::moveOn() {
             }
             Waiting const arrived = *mOnBus;
             mOnBus.reset();
-            deliver(arrived.frame, arrived.sender);
+            deliver(arrived.frame, arrived.sender, mArrival);
         }
         TimePoint const start = nextEvent();
         if (start > now) {
@@ -536,6 +548,7 @@ TimePoint InProcessBus::Shared::nextEvent() const {
 
 std::optional<CanFrame> InProcessBus::Shared::receive(Port& aPort, Duration aTimeout) {
     std::unique_lock lock(mMutex);
+    TimePoint const entered = mBitRate != 0 ? mClock.now() - aPort.lag : TimePoint{};
     TimePoint deadline = kNever;
     bool looked = false;
     while (true) {
@@ -547,7 +560,7 @@ std::optional<CanFrame> InProcessBus::Shared::receive(Port& aPort, Duration aTim
             return std::nullopt;
         }
         if (!aPort.received.empty()) {
-            return aPort.received.pop();
+            return take(aPort, entered);
         }
         if (aTimeout <= Duration::zero()) {
             return std::nullopt;
@@ -563,14 +576,23 @@ std::optional<CanFrame> InProcessBus::Shared::receive(Port& aPort, Duration aTim
         if (now >= deadline) {
             return std::nullopt;
         }
-        TimePoint const next = nextEvent();
-        bool const arrives = mRealClock && mOnBus && reaches(aPort, *mOnBus) && next <= deadline;
-        if (arrives && next - now <= kActiveWait) {
-            waitActively(lock, aPort, next);
-        } else {
-            sleep(lock, aPort, std::min(deadline, arrives ? next - kActiveWait : next));
-        }
+        sleep(lock, aPort, std::min(deadline, concerns(aPort) ? nextEvent() : kNever));
     }
+}
+
+/// Takes a frame out of the queue. A thread of this process wakes later than the hardware of a node would
+/// notice the frame; what the port sends next is dated back by that much, so that the bus keeps its speed
+/// whatever the machine's timers and its load are. Only the lateness of a reader that had waited for the
+/// frame counts.
+CanFrame InProcessBus::Shared::take(Port& aPort, TimePoint aEntered) {
+    Received const received = aPort.received.pop();
+    if (mBitRate == 0) {
+        aPort.lag = {};
+    } else {
+        aPort.lag = aEntered <= received.arrival ? std::min(kMaximalLag, mClock.now() - received.arrival)
+                                                 : Duration{};
+    }
+    return received.frame;
 }
 
 /// Sleeps until something changes for the port or the time has come.
@@ -585,14 +607,6 @@ void InProcessBus::Shared::sleep(std::unique_lock<std::mutex>& aLock, Port& aPor
         mClock.waitUntil(aPort.wake, aLock, aUntil);
     }
     aPort.sleeping = false;
-}
-
-void InProcessBus::Shared::waitActively(std::unique_lock<std::mutex>& aLock, Port& aPort, TimePoint aUntil) {
-    aLock.unlock();
-    while (!aPort.changed.load(std::memory_order_acquire) && mClock.now() < aUntil) {
-        relax();
-    }
-    aLock.lock();
 }
 
 /// Looks for a while whether something comes, before the reader goes to sleep: for longer where that was of

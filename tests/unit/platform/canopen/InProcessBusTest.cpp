@@ -383,6 +383,63 @@ TEST(InProcessBus, ThreadsMaySendAndReceiveAtTheSameTime) {
     second.join();
 }
 
+/// Wakes every sleeper 60 us too late, as a busy machine does.
+class LateClock final : public velmor::platform::Clock {
+public:
+    TimePoint now() const noexcept override { return mNow; }
+    SystemTimePoint systemNow() const noexcept override { return {}; }
+    void sleepFor(Duration aDuration) override { mNow += aDuration; }
+    std::cv_status waitUntil(std::condition_variable& /*aCondition*/,
+                             std::unique_lock<std::mutex>& /*aLock*/,
+                             TimePoint aDeadline) override {
+        mNow = std::max(mNow, aDeadline + microseconds(60));
+        return std::cv_status::timeout;
+    }
+
+private:
+    TimePoint mNow{std::chrono::hours(1)};
+};
+
+class BusOnALateClock : public testing::Test {
+protected:
+    BusOnALateClock() { velmor::platform::Clock::use(mClock); }
+    ~BusOnALateClock() override { velmor::platform::Clock::use(nullptr); }
+
+    std::shared_ptr<LateClock> mClock = std::make_shared<LateClock>();
+};
+
+TEST_F(BusOnALateClock, KeepsItsSpeedAlthoughEveryReaderWakesLate) {
+    InProcessBus bus({.bitRate = 1'000'000});
+    auto const a = bus.open("a");
+    auto const b = bus.open("b");
+    CanFrame const frame{0x608, 8, {0x40, 0x00, 0x30, 0x01}};
+    ASSERT_EQ(canFrameBits(frame), 121U);
+    auto const start = mClock->now();
+    for (int i = 0; i < 100; ++i) {
+        a->send(frame);
+        ASSERT_TRUE(b->receive(seconds(1)));
+        b->send(frame);
+        ASSERT_TRUE(a->receive(seconds(1)));
+    }
+    // 200 frames of 121 bits and 3 of silence at 1 us a bit are 24,800 us; 200 late wakings would add 12,000
+    // us. The silence behind the last frame is not waited for, but its reader wakes late.
+    EXPECT_EQ(mClock->now() - start, microseconds(24'800 - 3 + 60));
+}
+
+TEST_F(BusOnALateClock, DoesNotExcuseAReaderThatDidNotWait) {
+    InProcessBus bus({.bitRate = 1'000'000});
+    auto const a = bus.open("a");
+    auto const b = bus.open("b");
+    a->send({0x000, 0, {}});
+    mClock->sleepFor(milliseconds(5));
+    ASSERT_TRUE(b->receive(nanoseconds(0)));
+    b->send({0x000, 0, {}}); // 50 us from now
+    mClock->sleepFor(microseconds(49));
+    EXPECT_FALSE(a->receive(nanoseconds(0)));
+    mClock->sleepFor(microseconds(1));
+    EXPECT_TRUE(a->receive(nanoseconds(0)));
+}
+
 /// A client and a board on a bus with a speed, time moved by hand bit by bit.
 class BusSpeed : public testing::TestWithParam<std::uint32_t> {
 protected:

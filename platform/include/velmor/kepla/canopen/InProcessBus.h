@@ -71,8 +71,9 @@ struct BusCounters {
 /// was sent first. Without a bit rate the bus is never occupied: a frame is in the queues of its receivers
 /// when send() returns. With a bit rate a frame occupies the bus of the process's clock for its exact length,
 /// stuff bits and interframe space counted. There is no thread: whoever sends or receives moves the bus on,
-/// so an idle bus does nothing. On the real clock a receiver that a frame is about to reach waits actively
-/// for the last 100 us, because a sleeping thread would wake too late to keep up with a bus at 1 Mbit/s.
+/// so an idle bus does nothing. A reader that wakes late for its frame, as threads do, sends its next frame
+/// as of the time at which it should have woken: so the bus carries what its bit rate allows on a busy
+/// machine too.
 ///
 /// All operations may be called from any thread and do not block, but for send() and receive() of the
 /// channels.
