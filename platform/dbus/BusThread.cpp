@@ -7,6 +7,8 @@
 #include <exception>
 #include <utility>
 
+#include <locale>
+
 #include <giomm/init.h>
 #include <glibmm/init.h>
 
@@ -18,8 +20,11 @@ Glib::RefPtr<Glib::MainContext> makeContext() {
     static std::once_flag sInitialised;
     std::call_once(sInitialised, [] {
         // The locale belongs to the host: a library that changed it would change the host's number formats.
+        // glibmm leaves C's alone when told so, but sets that of C++ after it, so a host's own is put back.
         Glib::set_init_to_users_preferred_locale(false);
+        std::locale const hosts;
         Gio::init();
+        std::locale::global(hosts);
     });
     return Glib::MainContext::create();
 }
