@@ -5,9 +5,8 @@
 #include <velmor/kepla/utils/ThreadName.h>
 
 #include <exception>
-#include <utility>
-
 #include <locale>
+#include <utility>
 
 #include <giomm/init.h>
 #include <glibmm/init.h>
