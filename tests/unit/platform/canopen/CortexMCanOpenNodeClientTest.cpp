@@ -143,9 +143,17 @@ struct CortexMTest : testing::Test {
 
     /// Moves the time on, slowly enough for a loaded machine to answer in time, until somebody is done.
     void driveUntilReady(std::future<void> const& aFuture) {
-        while (aFuture.wait_for(1ms) != std::future_status::ready) {
-            clock->advance(10ms);
+        while (moveOnSlowly(aFuture)) {
         }
+    }
+
+    /// Moves the time on by a step, unless somebody is done.
+    bool moveOnSlowly(std::future<void> const& aFuture) {
+        if (aFuture.wait_for(1ms) == std::future_status::ready) {
+            return false;
+        }
+        clock->advance(10ms);
+        return true;
     }
 
     std::string failureOf(std::function<void()> const& aOperation) {
@@ -220,8 +228,7 @@ TEST_F(CortexMTest, WaitsForABoardThatBootsLate) {
     node.setDeaf(true);
     auto prepared = std::async(std::launch::async, [&] { board.prepare(); });
     while (node.awaitCommands(0).empty()) {
-        clock->advance(250ms);
-        std::this_thread::yield();
+        moveOnSlowly(prepared);
     }
     // It is told to leave the stopped state, in which it would answer no read.
     node.setDeaf(false);
