@@ -5,6 +5,7 @@
 #include <velmor/kepla/canopen/CanSocketApi.h>
 #include <velmor/platform/Clock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -46,7 +47,7 @@ public:
         can_frame frame{};
         frame.can_id = aId;
         frame.len = static_cast<std::uint8_t>(aData.size());
-        std::memcpy(frame.data, aData.data(), aData.size());
+        std::copy(aData.begin(), aData.end(), frame.data);
         arrive(frame);
     }
 
