@@ -95,10 +95,14 @@ TEST(CanOpenMaster, RefusesImpossibleNodesAndNoChannel) {
 }
 
 TEST(CanOpenMaster, LeavesNoThreadAndNoDescriptorBehind) {
-    ProcessResources const before = ProcessResources::now();
-    for (int i = 0; i < 20; ++i) {
+    auto const comeAndGo = [] {
         InProcessBus bus;
         CanOpenMaster const master(bus.open("can0"), 1);
+    };
+    comeAndGo(); // The first thread of a process may bring one of the thread sanitizer's own.
+    ProcessResources const before = ProcessResources::now();
+    for (int i = 0; i < 20; ++i) {
+        comeAndGo();
     }
     ProcessResources const after = ProcessResources::settledTo(before);
     EXPECT_LE(after.threads, before.threads);
