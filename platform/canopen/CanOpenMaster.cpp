@@ -21,7 +21,6 @@ namespace {
 constexpr unsigned kNodes = 127;
 
 /// Function codes of the pre-defined connection set (CiA 301): the identifier without the node.
-constexpr std::uint32_t kFunctionMask = 0x780;
 constexpr std::uint32_t kNodeMask = 0x07F;
 constexpr std::uint32_t kNmt = 0x000;
 constexpr std::uint32_t kEmergency = 0x080;
