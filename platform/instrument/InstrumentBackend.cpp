@@ -7,6 +7,7 @@
 #include <velmor/kepla/deviceid/DeviceIdDirectory.h>
 #include <velmor/platform/Clock.h>
 #include <velmor/q47/mainboarddaemon/MainboardDBusClient.h>
+#include <velmor/q47/seqlock/PosixSeqlockDriver.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -65,6 +66,12 @@ public:
     std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> mainboard() override {
         return std::make_shared<velmor::q47::mainboarddaemon::MainboardDBusClient>(busAddress(true));
     }
+
+    std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> seqlockDriver() override {
+        return std::make_shared<velmor::q47::seqlock::PosixSeqlockDriver>();
+    }
+
+    std::filesystem::path instrumentPath(std::filesystem::path const& aPath) override { return aPath; }
 
     std::optional<std::string> deviceLogBusAddress(bool aSystemBus) override {
         return busAddress(aSystemBus);

@@ -9,6 +9,7 @@
 #include <velmor/kepla/datalogger/SqliteDataLogger.h>
 #include <velmor/kepla/deviceid/DeviceIdDirectory.h>
 
+#include <stdexcept>
 #include <utility>
 
 namespace libfieldwarden::sim {
@@ -43,6 +44,14 @@ public:
 
     std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> mainboard() override {
         return mInstrument->mainboard();
+    }
+
+    std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> seqlockDriver() override {
+        throw std::runtime_error("The simulated instrument has no lock sequencer yet.");
+    }
+
+    std::filesystem::path instrumentPath(std::filesystem::path const& aPath) override {
+        return aPath.is_absolute() ? mInstrument->folders().root / aPath.relative_path() : aPath;
     }
 
     std::optional<std::string> deviceLogBusAddress(bool /*aSystemBus*/) override { return std::nullopt; }

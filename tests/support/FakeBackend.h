@@ -27,6 +27,8 @@ public:
     std::function<std::shared_ptr<velmor::kepla::deviceid::DeviceIdServiceContributorIfc>(std::string const&)>
         deviceIdContributorDoor;
     std::function<std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface>()> mainboardDoor;
+    std::function<std::shared_ptr<velmor::q47::seqlock::SeqlockDriver>()> seqlockDriverDoor;
+    std::function<std::filesystem::path(std::filesystem::path const&)> instrumentPathDoor;
     std::function<std::optional<std::string>(bool)> deviceLogBusAddressDoor;
 
     std::shared_ptr<velmor::platform::Clock> clock() override { return clockDoor; }
@@ -46,6 +48,12 @@ public:
     }
     std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> mainboard() override {
         return through(mainboardDoor, "mainboard")();
+    }
+    std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> seqlockDriver() override {
+        return through(seqlockDriverDoor, "seqlockDriver")();
+    }
+    std::filesystem::path instrumentPath(std::filesystem::path const& aPath) override {
+        return through(instrumentPathDoor, "instrumentPath")(aPath);
     }
     std::optional<std::string> deviceLogBusAddress(bool aSystemBus) override {
         return through(deviceLogBusAddressDoor, "deviceLogBusAddress")(aSystemBus);

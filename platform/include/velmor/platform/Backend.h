@@ -2,6 +2,7 @@
 // Every door to the outside world, handed out by one object: the instrument, or a simulated one in its place.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +20,9 @@ class DeviceIdServiceContributorIfc;
 namespace velmor::q47::mainboarddaemon {
 class MainboardInterface;
 }
+namespace velmor::q47::seqlock {
+class SeqlockDriver;
+}
 
 namespace velmor::platform {
 
@@ -26,8 +30,8 @@ class Clock;
 
 /// Abstract factory of the doors to the outside. The platform's own factories (CanOpenMaster::make,
 /// DataLoggerFactory, DeviceIdClient::make_client, DeviceIdServiceFactory, MainboardClientFactory,
-/// DeviceLogContributor) go through current(), so that nothing above them can tell a simulated instrument
-/// from a real one.
+/// DeviceLogContributor, SeqlockDriver::current) go through current(), so that nothing above them can tell a
+/// simulated instrument from a real one.
 ///
 /// Every operation may be called from any thread and may block for as long as its door takes to open. A door
 /// that cannot be opened throws std::runtime_error with words that name it.
@@ -65,6 +69,15 @@ public:
     virtual std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> mainboard() = 0;
 
     /// @param aSystemBus  Whether the system bus is meant rather than the session bus.
+    /// @return The driver of the lock sequencer.
+    virtual std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> seqlockDriver() = 0;
+
+    /// Where a file of the instrument's own file system lies, such as
+    /// "/usr/share/firmware/Q47Lock/memory.bin".
+    /// @param aPath  A path; one that is not absolute, or is empty, comes back as it is.
+    /// @return The path to open, the same on the instrument.
+    virtual std::filesystem::path instrumentPath(std::filesystem::path const& aPath) = 0;
+
     /// @return The address of the D-Bus to publish the device log on; none when this backend has no bus.
     virtual std::optional<std::string> deviceLogBusAddress(bool aSystemBus) = 0;
 };
