@@ -9,9 +9,15 @@ find_package(nlohmann_json REQUIRED)
 find_package(Boost 1.81 REQUIRED COMPONENTS filesystem program_options thread)
 pkg_check_modules(giomm REQUIRED IMPORTED_TARGET giomm-2.68)
 pkg_check_modules(sqlite REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(libdeflate REQUIRED IMPORTED_TARGET libdeflate)
+pkg_check_modules(kissfft REQUIRED IMPORTED_TARGET kissfft-float)
+# The C++ interface of the serial HDF5; Debian's wrapper scripts would bring MPI's otherwise.
+pkg_check_modules(hdf5 REQUIRED IMPORTED_TARGET hdf5-serial)
+find_library(HDF5_CPP_LIBRARY hdf5_serial_cpp REQUIRED)
+target_link_libraries(PkgConfig::hdf5 INTERFACE "${HDF5_CPP_LIBRARY}")
 
 # Warnings are errors here, so headers that are not ours must not raise any.
-foreach(target PkgConfig::giomm PkgConfig::sqlite)
+foreach(target PkgConfig::giomm PkgConfig::sqlite PkgConfig::libdeflate PkgConfig::kissfft PkgConfig::hdf5)
     get_target_property(directories ${target} INTERFACE_INCLUDE_DIRECTORIES)
     if(directories)
         set_target_properties(${target} PROPERTIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${directories}")
