@@ -74,20 +74,18 @@ bool ShimFile::parseLine(std::string const& aLine,
     if (nameEnd == std::string::npos) {
         failAtLine(aLineNumber, ": no space found after gradient name");
     }
+    aName = aLine.substr(0, nameEnd);
     std::size_t const valueBegin = aLine.find_first_not_of(' ', nameEnd);
     if (valueBegin == std::string::npos) {
         failAtLine(aLineNumber, ": no value after gradient name");
     }
     std::size_t const valueEnd = aLine.find('\r', valueBegin); // npos: the text runs to the line's end
-    int value = 0;
     try {
-        value = toInt32(
+        aValue = toInt32(
             aLine.substr(valueBegin, valueEnd == std::string::npos ? valueEnd : valueEnd - valueBegin));
     } catch (std::exception const& error) {
         failAtLine(aLineNumber,
                    std::string(": gradient value could not be parse to int. Error was: ") + error.what());
     }
-    aName = aLine.substr(0, nameEnd);
-    aValue = value;
     return true;
 }

@@ -32,8 +32,8 @@ public:
 
     /// Reads one line, without its LF.
     /// @param aLineNumber  From 1, for the words of a failure.
-    /// @param aName        Takes the name, only when the line carries a gradient.
-    /// @param aValue       Takes the value in units, likewise.
+    /// @param aName        Takes the name as soon as it is found, so also when the value then fails.
+    /// @param aValue       Takes the value in units.
     /// @return Whether the line carries a gradient.
     /// @throws std::runtime_error  when it is neither empty nor a comment nor a gradient line.
     static bool parseLine(std::string const& aLine,

@@ -465,7 +465,7 @@ void ShimHardwareQ47::tryLoadFactoryShims(std::string const& aPath) {
     } catch (std::exception const& error) {
         // Intended: the reason is that of the system, which knows of files only; the next line has the rest.
         keplaDoLog(Severity::Error, "Factory shim not loaded, reason: %m", {});
-        keplaDoLog(Severity::Info, "~tryLoadFactoryShim: %s", {}, error.what());
+        keplaDoLog(Severity::Debug, "~tryLoadFactoryShim: %s", {}, error.what());
     }
 }
 

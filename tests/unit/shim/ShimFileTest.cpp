@@ -48,6 +48,14 @@ auto parsing(std::string const& aLine) {
     };
 }
 
+TEST_F(ShimFileTest, TellsTheNameOfALineWhoseValueIsBad) {
+    std::string name = "untouched";
+    int value = -77;
+    EXPECT_THROW(ShimFile::parseLine("Z3 much", 1, name, value), std::runtime_error);
+    EXPECT_EQ(name, "Z3");
+    EXPECT_EQ(value, -77);
+}
+
 TEST_F(ShimFileTest, ReadsGradientsAndLeavesTheOthersZero) {
     auto const gradients = read("# factory\n\nZ 120\nXZ2   -45\n(X2-Y2)Z 7\r\nZ0 1");
     EXPECT_EQ(gradients->get("Z"), 120);

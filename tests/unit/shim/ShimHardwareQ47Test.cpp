@@ -378,7 +378,7 @@ TEST_F(ShimHardwareQ47Test, SaysWhatIsWrongWithTheFactoryShims) {
     mService->setShimSystem(ShimSysType::Wmxs1a);
     EXPECT_THAT(mLog.linesUpTo(Severity::Error),
                 ElementsAre(line(Severity::Error, "Factory shim not loaded, reason: Success")));
-    EXPECT_TRUE(mLog.has(Severity::Info,
+    EXPECT_TRUE(mLog.has(Severity::Debug,
                          "~tryLoadFactoryShim: Invalid shim file. Error at line 2: failed to set "
                          "gradient with There is no TOSK gradient named 'Z99'"));
     EXPECT_EQ(mService->getSingleShim("Z3").value, 0);
@@ -390,7 +390,7 @@ TEST_F(ShimHardwareQ47Test, SurvivesABoardThatDoesNotTakeTheFactoryShims) {
     mNode1->fail(0x3001, 1, "node 8: transfer aborted", 1);
     mService->setShimSystem(ShimSysType::Wmxs1a);
     EXPECT_TRUE(
-        mLog.has(Severity::Info,
+        mLog.has(Severity::Debug,
                  "~tryLoadFactoryShim: Source 9 value has a difference of -77uA to requested value\n"));
     mService->beginOfOneParameterSet();
     mService->endOfOneParameterSet(); // and goes on
