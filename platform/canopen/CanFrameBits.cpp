@@ -16,11 +16,12 @@ void forEachBit(CanFrame const& aFrame, OnBit aOnBit) {
             aOnBit((aValue >> bit) & 1U);
         }
     };
-    field(0, 1);             // start of frame
-    field(aFrame.id, 11);    // identifier
-    field(0, 3);             // data frame, base format, reserved
-    field(aFrame.length, 4); // data length code
-    for (std::size_t i = 0; i < aFrame.length; ++i) {
+    field(0, 1);                       // start of frame
+    field(aFrame.id, 11);              // identifier
+    field(aFrame.remote ? 1U : 0U, 1); // remote transmission request
+    field(0, 2);                       // base format, reserved
+    field(aFrame.length, 4);           // data length code
+    for (std::size_t i = 0; i < aFrame.length && !aFrame.remote; ++i) {
         field(aFrame.data[i], 8);
     }
 }

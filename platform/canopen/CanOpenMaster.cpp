@@ -45,6 +45,46 @@ struct CanOpenMaster::Waiter {
     std::exception_ptr fault; ///< The link broke while he slept.
 };
 
+/// Tells a node's heartbeats from its answers to node guarding, and the answers that count from those that do
+/// not. Both come with the same identifier. The toggle bit is 0 in a heartbeat and in the first answer after
+/// a boot-up, and alternates from answer to answer; an answer that repeats it is handled as if it had not
+/// been received (CiA 301, node guarding).
+class GuardToggle {
+public:
+    /// Somebody asks the node.
+    void onRequest() noexcept { mAsked = true; }
+
+    void onBootUp() noexcept {
+        mLast = true;
+        mAsked = false;
+        mGuards = false;
+    }
+
+    /// @param aToggle  The toggle bit of a state that the node has sent.
+    /// @return Whether it counts.
+    bool onState(bool aToggle) noexcept {
+        bool const asked = std::exchange(mAsked, false);
+        if (!aToggle && !asked && !mGuards) {
+            return true; // A heartbeat.
+        }
+        if (mLast != aToggle) {
+            mLast = aToggle;
+            mGuards = mGuards || aToggle;
+            return true;
+        }
+        if (aToggle || (asked && mGuards)) {
+            return false;
+        }
+        mGuards = false; // Zeros that nobody has asked for: the node has begun to send its heartbeat.
+        return true;
+    }
+
+private:
+    std::optional<bool> mLast; ///< Toggle bit of the last answer, as far as known.
+    bool mAsked = false;       ///< Somebody has asked since the node's last sign.
+    bool mGuards = false;      ///< It has given an answer that can be no heartbeat, the bit being 1.
+};
+
 /// What the master keeps of one node.
 struct CanOpenMaster::Node final : SdoFrameSink {
     /// Answers that have not been looked at yet. Larger than the longest series that a node may send unasked,
@@ -87,6 +127,7 @@ struct CanOpenMaster::Node final : SdoFrameSink {
     std::unique_ptr<Inbox> inbox; ///< Made with the first turn.
     Waiter waiter;                ///< The turn's.
     NodeStatus status;
+    GuardToggle guardToggle;
     Clock::Duration heartbeatTime{};
     Clock::TimePoint heartbeatDue;
     bool silent = false; ///< The heartbeat is missing, which has been told.
@@ -352,6 +393,12 @@ void CanOpenMaster::dispatch(CanFrame const& aFrame) {
     if ((aFrame.id & kNodeMask) == 0) {
         return;
     }
+    if (aFrame.remote) {
+        if ((aFrame.id & ~kNodeMask) == kErrorControl) { // Another one guards the node.
+            mNodes[aFrame.id & kNodeMask]->guardToggle.onRequest();
+        }
+        return;
+    }
     switch (aFrame.id & ~kNodeMask) {
         case kSdoAnswer:
             return dispatchAnswer(aFrame);
@@ -375,15 +422,24 @@ void CanOpenMaster::dispatchAnswer(CanFrame const& aFrame) {
 
 void CanOpenMaster::dispatchSign(CanFrame const& aFrame) {
     constexpr std::uint8_t kStateMask = 0x7F;
+    constexpr std::uint8_t kToggle = 0x80;
     if (aFrame.length < 1) {
         return;
     }
     unsigned const number = aFrame.id & kNodeMask;
     Node& sender = *mNodes[number];
+    bool const bootUp = aFrame.data[0] == static_cast<std::uint8_t>(NmtState::BootUp);
     auto const state = static_cast<NmtState>(aFrame.data[0] & kStateMask);
+    if (bootUp) {
+        sender.guardToggle.onBootUp();
+    } else if (!sender.guardToggle.onState((aFrame.data[0] & kToggle) != 0)) {
+        keplaDoLog(Severity::Warning, "Node %u: an answer to node guarding repeats the toggle bit", {},
+                   number);
+        return;
+    }
     sender.status.lastSign = mClock.now();
     ++sender.status.signs;
-    if (state == NmtState::BootUp) {
+    if (bootUp) {
         ++sender.status.bootUps;
         keplaDoLog(Severity::Info, "Node %u has booted", {}, number);
     } else if (state != sender.status.state) {
@@ -423,6 +479,15 @@ void CanOpenMaster::command(NmtCommand aCommand, unsigned char aNode) {
         static_cast<void>(node(aNode));
     }
     send(CanFrame{kNmt, 2, {static_cast<std::uint8_t>(aCommand), aNode}});
+}
+
+void CanOpenMaster::guard(unsigned char aNode) {
+    Node& asked = node(aNode);
+    {
+        std::lock_guard const lock(mMutex);
+        asked.guardToggle.onRequest();
+    }
+    send(CanFrame{.id = kErrorControl + aNode, .length = 1, .remote = true});
 }
 
 NodeStatus CanOpenMaster::status(unsigned char aNode) const {

@@ -207,15 +207,29 @@ void CortexMCanOpenNodeClient::bringUp() {
         }
         if (mClock.now() >= deadline) {
             fail("the board did not come up within " + std::to_string(wholeSeconds(kBringUpTime)) +
-                 " s: waited for its boot-up, its heartbeat, or its answer to a read of 0x1000:00 (" +
+                 " s: waited for its boot-up, its heartbeat, its answer to node guarding, or its answer to a "
+                 "read of 0x1000:00 (" +
                  whyNot + ")");
         }
         if (!std::exchange(told, true)) {
             keplaDoLog(Severity::Info, "~prepare: waiting for the board: %s", {}, whyNot);
         }
-        mMaster->awaitStatus(
-            mNodeId, [signs](NodeStatus const& aStatus) { return aStatus.signs != signs; }, kBringUpPause);
+        awaitSign(signs);
     }
+}
+
+/// Waits a while for the board to show that it is there: with its boot-up, its heartbeat, or, where nothing
+/// was heard of it yet, with its answer to node guarding.
+/// @param aSigns  How many signs of life it has given so far.
+void CortexMCanOpenNodeClient::awaitSign(std::uint32_t aSigns) {
+    if (mMaster->status(mNodeId).state == NmtState::Unknown) {
+        try {
+            mMaster->guard(mNodeId);
+        } catch (CanLinkError const&) { // Told by the master; the link may come back while the wait lasts.
+        }
+    }
+    mMaster->awaitStatus(
+        mNodeId, [aSigns](NodeStatus const& aStatus) { return aStatus.signs != aSigns; }, kBringUpPause);
 }
 
 /// Asks the board for its device type. A board that does not answer may be stopped, in which state it answers

@@ -57,7 +57,7 @@ constexpr std::array<std::string_view, 8> kRegisterBits{"generic",     "current"
 std::optional<EmergencyMessage> EmergencyMessage::decode(CanFrame const& aFrame) noexcept {
     constexpr std::uint32_t kFunction = 0x080;
     std::uint32_t const node = aFrame.id - kFunction;
-    if (aFrame.id <= kFunction || node > 127 || aFrame.length < aFrame.data.size()) {
+    if (aFrame.remote || aFrame.id <= kFunction || node > 127 || aFrame.length < aFrame.data.size()) {
         return std::nullopt;
     }
     EmergencyMessage result;

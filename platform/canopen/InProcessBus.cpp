@@ -104,20 +104,29 @@ std::string_view wordsOf(Reason aReason) {
     return "Input/output error";
 }
 
-/// Whether a node sends frames of this identifier (predefined connection set, CiA 301 7.3.3).
-bool comesFrom(std::uint32_t aId, std::uint8_t aNode) noexcept {
-    switch (aId & 0x780U) {
+/// Whether it is a node that sends this frame (predefined connection set, CiA 301 7.3.3). A remote frame of
+/// one of its identifiers is for the node, not from it.
+bool comesFrom(CanFrame const& aFrame, std::uint8_t aNode) noexcept {
+    if (aFrame.remote) {
+        return false;
+    }
+    switch (aFrame.id & 0x780U) {
         case 0x080: // emergency
         case 0x180: // transmit PDO 1 to 4
         case 0x280:
         case 0x380:
         case 0x480:
         case 0x580: // SDO answer
-        case 0x700: // boot-up, heartbeat
-            return (aId & 0x7FU) == aNode;
+        case 0x700: // boot-up, heartbeat, answer to node guarding
+            return (aFrame.id & 0x7FU) == aNode;
         default:
             return false;
     }
+}
+
+/// Whether a frame wins the bus from another (ISO 11898-1, arbitration field: identifier, remote bit).
+bool moreUrgent(CanFrame const& aFrame, CanFrame const& aOther) noexcept {
+    return aFrame.id != aOther.id ? aFrame.id < aOther.id : !aFrame.remote && aOther.remote;
 }
 
 } // namespace
@@ -445,7 +454,7 @@ void InProcessBus::Shared::queueWithFaults(Port& aPort, CanFrame const& aFrame) 
     Waiting waiting{aFrame, &aPort, mClock.now() - aPort.lag};
     std::size_t copies = 1;
     if (std::any_of(mSilent.begin(), mSilent.end(),
-                    [&](std::uint8_t aNode) { return comesFrom(aFrame.id, aNode); })) {
+                    [&](std::uint8_t aNode) { return comesFrom(aFrame, aNode); })) {
         ++mCounters.dropped;
         return;
     }
@@ -468,7 +477,7 @@ void InProcessBus::Shared::queueWithFaults(Port& aPort, CanFrame const& aFrame) 
                 break;
             case BusFault::Action::Corrupt:
                 ++mCounters.corrupted;
-                for (std::size_t i = 0; i < aFrame.length; ++i) {
+                for (std::size_t i = 0; i < aFrame.length && !aFrame.remote; ++i) {
                     waiting.frame.data[i] ^= fault.corruption[i];
                 }
                 break;
@@ -510,7 +519,8 @@ void InProcessBus::Shared::moveOn() {
 void InProcessBus::Shared::arbitrate(TimePoint aStart) {
     auto winner = mWaiting.end();
     for (auto waiting = mWaiting.begin(); waiting != mWaiting.end(); ++waiting) {
-        if (waiting->ready <= aStart && (winner == mWaiting.end() || waiting->frame.id < winner->frame.id)) {
+        if (waiting->ready <= aStart &&
+            (winner == mWaiting.end() || moreUrgent(waiting->frame, winner->frame))) {
             winner = waiting;
         }
     }

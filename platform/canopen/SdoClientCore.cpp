@@ -192,7 +192,7 @@ bool SdoClientCore::onFrame(CanFrame const& aFrame, TimePoint aNow) {
         ++mDropCounts.foreign;
         return false;
     }
-    if (aFrame.length != kFrameLength) {
+    if (aFrame.length != kFrameLength || aFrame.remote) {
         return drop(mDropCounts.malformed);
     }
     return dispatch(aFrame, aNow);

@@ -38,7 +38,7 @@ SdoServerCore::SdoServerCore(std::uint8_t aNode,
 }
 
 void SdoServerCore::onFrame(CanFrame const& aFrame, TimePoint aNow) {
-    if (aFrame.id != sdoRequestId(mNode) || aFrame.length != kFrameLength) {
+    if (aFrame.id != sdoRequestId(mNode) || aFrame.length != kFrameLength || aFrame.remote) {
         return;
     }
     mDeadline = aNow + mSettings.requestTimeout;

@@ -36,11 +36,12 @@ constexpr Clock::Duration kReadPatience = std::chrono::milliseconds(10);
 
 constexpr canid_t kFunctionCode = 0x780U | CAN_EFF_FLAG | CAN_RTR_FLAG; ///< Everything but the node.
 
-/// Emergencies, SDO answers, boot-up and heartbeat of all nodes (CiA 301, pre-defined connection set).
+/// Emergencies, SDO answers, signs of life of all nodes (CiA 301, pre-defined connection set), and the remote
+/// frames by which others guard nodes.
 constexpr std::array<can_filter, 3> kWanted{{
     {0x080U, kFunctionCode},
     {0x580U, kFunctionCode},
-    {0x700U, kFunctionCode},
+    {0x700U, kFunctionCode & ~CAN_RTR_FLAG},
 }};
 
 /// Faults of the controller that are worth a frame each. Single bus errors are not: a bus without a second
@@ -196,9 +197,11 @@ void SocketCanChannel::send(CanFrame const& aFrame) {
         throw std::invalid_argument("A CAN frame has an identifier up to 0x7FF and up to 8 bytes");
     }
     can_frame frame{};
-    frame.can_id = aFrame.id;
+    frame.can_id = aFrame.id | (aFrame.remote ? CAN_RTR_FLAG : 0U);
     frame.len = aFrame.length;
-    std::copy_n(aFrame.data.begin(), aFrame.length, frame.data);
+    if (!aFrame.remote) {
+        std::copy_n(aFrame.data.begin(), aFrame.length, frame.data);
+    }
 
     std::shared_ptr<Socket> const socket = current();
     std::optional<Clock::TimePoint> deadline;
@@ -290,13 +293,16 @@ std::optional<CanFrame> SocketCanChannel::take(std::shared_ptr<Socket> const& aS
         return std::nullopt;
     }
     constexpr canid_t kNode = 0x7FU;
-    if ((frame.can_id & kNode) == 0 || frame.can_id > CAN_SFF_MASK || frame.len > CAN_MAX_DLEN) {
+    CanFrame result;
+    result.id = frame.can_id & ~CAN_RTR_FLAG;
+    result.length = frame.len;
+    result.remote = (frame.can_id & CAN_RTR_FLAG) != 0;
+    if ((result.id & kNode) == 0 || result.id > CAN_SFF_MASK || result.length > CAN_MAX_DLEN) {
         return std::nullopt;
     }
-    CanFrame result;
-    result.id = frame.can_id;
-    result.length = frame.len;
-    std::copy_n(frame.data, frame.len, result.data.begin());
+    if (!result.remote) {
+        std::copy_n(frame.data, frame.len, result.data.begin());
+    }
     return result;
 }
 

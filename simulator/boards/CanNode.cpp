@@ -23,6 +23,9 @@ constexpr std::uint32_t kNmtId = 0x000;
 constexpr std::uint32_t kEmergencyId = 0x080;
 constexpr std::uint32_t kErrorControlId = 0x700;
 
+/// The bit by which two answers to node guarding in a row differ.
+constexpr std::uint8_t kToggle = 0x80;
+
 /// Longest sleep where nothing is due.
 constexpr velmor::platform::Clock::Duration kLongWait = std::chrono::hours(1);
 
@@ -191,6 +194,7 @@ void CanNode::comeUp() {
     sendState();
     mState = NmtState::PreOperational;
     mHeartbeatPeriod = {};
+    mGuardToggle = 0;
     beat(mClock.now());
 }
 
@@ -200,7 +204,11 @@ void CanNode::onFrame(CanFrame const& aFrame) {
     if (mState == NmtState::Unknown) {
         return;
     }
-    if (aFrame.id == kNmtId && aFrame.length == 2) {
+    if (aFrame.remote) {
+        if (aFrame.id == kErrorControlId + mNode) {
+            answerGuarding();
+        }
+    } else if (aFrame.id == kNmtId && aFrame.length == 2) {
         if (aFrame.data[1] == 0 || aFrame.data[1] == mNode) {
             onCommand(aFrame.data[0]);
         }
@@ -296,8 +304,17 @@ void CanNode::beat(TimePoint aNow) {
     }
 }
 
-void CanNode::sendState() {
-    transmit({kErrorControlId + mNode, 1, {static_cast<std::uint8_t>(mState.load())}});
+void CanNode::answerGuarding() {
+    if (mModel->heartbeatPeriod() > Clock::Duration::zero()) {
+        return;
+    }
+    sendState(mGuardToggle);
+    mGuardToggle ^= kToggle;
+}
+
+void CanNode::sendState(std::uint8_t aToggle) {
+    auto const state = static_cast<std::uint8_t>(mState.load());
+    transmit({kErrorControlId + mNode, 1, {static_cast<std::uint8_t>(state | aToggle)}});
 }
 
 void CanNode::transmit(CanFrame const& aFrame) {

@@ -35,15 +35,15 @@ namespace libfieldwarden::sim {
 ///      └── restart                └──> Stopped <───┘ stop
 /// ```
 ///
-/// | State       | SDO | heartbeat | emergencies |
-/// |-------------|-----|-----------|-------------|
-/// | Starting    | no  | no        | no          |
-/// | Pre-op      | yes | yes       | yes         |
-/// | Operational | yes | yes       | yes         |
-/// | Stopped     | no  | yes       | no          |
+/// | State       | SDO | signs of life | emergencies |
+/// |-------------|-----|---------------|-------------|
+/// | Starting    | no  | no            | no          |
+/// | Pre-op      | yes | yes           | yes         |
+/// | Operational | yes | yes           | yes         |
+/// | Stopped     | no  | yes           | no          |
 ///
-/// Node guarding is not answered, for it needs remote frames, which this bus does not have. The board does
-/// not send process data.
+/// Signs of life are the heartbeat while its period (0x1017) is not 0, and the answers to node guarding while
+/// it is 0, for CiA 301 does not allow both at a time. The board does not send process data.
 class CanNode final : private velmor::kepla::canopen::SdoFrameSink,
                       private virtual velmor::kepla::log::Logger {
 public:
@@ -116,7 +116,8 @@ private:
     void beat(TimePoint aNow);
     void sendEmergencies();
     void sendWaiting(TimePoint aNow);
-    void sendState();
+    void answerGuarding();
+    void sendState(std::uint8_t aToggle = 0);
     void transmit(CanFrame const& aFrame);
     void linkLost(char const* aWhy);
     bool servesSdo() const;
@@ -136,6 +137,7 @@ private:
     bool mRestartWanted = false;  ///< The board restarts when its answers have left.
     Clock::Duration mHeartbeatPeriod{};
     TimePoint mHeartbeatDue;
+    std::uint8_t mGuardToggle = 0; ///< Of the next answer to node guarding: 0 or 0x80.
     bool mLinkDown = false;
 
     std::atomic<bool> mStop{false};

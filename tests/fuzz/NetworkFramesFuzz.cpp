@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any frames on the bus to the master: heartbeats, boot-ups and emergencies of every length and content, also
-// damaged ones. It takes them, keeps a state that exists for every node, and goes on serving.
+// Any frames on the bus to the master: heartbeats, boot-ups, node guarding and emergencies of every length
+// and content, also damaged ones. It takes them, keeps a state that exists for every node, and goes on
+// serving.
 //
-// The input is a row of frames of eleven bytes: two of the identifier, one of the length (modulo 9), eight of
-// data.
+// The input is a row of frames of eleven bytes: two of the identifier, the uppermost bit making it a remote
+// frame, one of the length (modulo 9), eight of data.
 #include <velmor/kepla/canopen/CanOpenMaster.h>
 #include <velmor/kepla/canopen/EmergencyMessage.h>
 #include <velmor/kepla/canopen/InProcessBus.h>
@@ -20,13 +21,15 @@ namespace {
 
 constexpr std::size_t kFrameBytes = 11;
 constexpr std::uint32_t kLastIdentifier = 0x7FF;
+constexpr std::uint8_t kRemote = 0x80;
 constexpr unsigned char kWitness = 127;
 
 CanFrame frameOf(std::span<std::uint8_t const> aBytes) {
     CanFrame frame;
     frame.id = (static_cast<std::uint32_t>(aBytes[0]) << 8U | aBytes[1]) & kLastIdentifier;
     frame.length = static_cast<std::uint8_t>(aBytes[2] % 9);
-    for (std::size_t i = 0; i < frame.data.size(); ++i) {
+    frame.remote = (aBytes[0] & kRemote) != 0;
+    for (std::size_t i = 0; i < frame.data.size() && !frame.remote; ++i) {
         frame.data[i] = aBytes[3 + i];
     }
     return frame;
@@ -54,10 +57,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* aData, std::size_t aSi
         node->send(frame);
         rest = rest.subspan(kFrameBytes);
     }
-    // The last one comes when the master has taken all before it.
+    // The last one comes when the master has taken all before it. A boot-up counts whatever was before.
     auto const signsBefore = master.status(kWitness).signs;
-    node->send(
-        {.id = 0x700U + kWitness, .length = 1, .data = {static_cast<std::uint8_t>(NmtState::Operational)}});
+    node->send({.id = 0x700U + kWitness, .length = 1, .data = {static_cast<std::uint8_t>(NmtState::BootUp)}});
     if (!master.awaitStatus(
             kWitness, [&](NodeStatus const& aStatus) { return aStatus.signs > signsBefore; },
             std::chrono::seconds(5))) {

@@ -95,6 +95,19 @@ TYPED_TEST_P(CanChannelContract, CarriesIdentifierLengthAndBytesBothWays) {
     EXPECT_EQ(this->mRig.peerReceived(), (std::vector<Frame>{{0x000, 2, {0x01, 0x08}}, {0x7FF, 0, {}}}));
 }
 
+TYPED_TEST_P(CanChannelContract, CarriesRemoteFramesBothWays) {
+    using Frame = velmor::kepla::canopen::CanFrame;
+    for (std::uint8_t length = 0; length <= 8; ++length) {
+        Frame const frame{.id = 0x708, .length = length, .remote = true};
+        this->mRig.peerSends(frame);
+        EXPECT_EQ(this->channel().receive(this->kLong), frame);
+        this->channel().send(frame);
+        EXPECT_EQ(this->mRig.peerReceived(), std::vector{frame});
+    }
+    Frame const impossible{.id = 0x708, .length = 9, .remote = true};
+    EXPECT_THROW(this->channel().send(impossible), std::invalid_argument);
+}
+
 TYPED_TEST_P(CanChannelContract, KeepsTheOrderOfFramesOfOneIdentifier) {
     for (std::uint8_t i = 0; i < 20; ++i) {
         this->mRig.peerSends({0x588, 1, {i}});
@@ -181,6 +194,7 @@ TYPED_TEST_P(CanChannelContract, AFullTransmitQueueIsAnErrorOfSendingOnly) {
 REGISTER_TYPED_TEST_SUITE_P(CanChannelContract,
                             IsCalledAsItsInterface,
                             CarriesIdentifierLengthAndBytesBothWays,
+                            CarriesRemoteFramesBothWays,
                             KeepsTheOrderOfFramesOfOneIdentifier,
                             DoesNotReceiveItsOwnFrames,
                             OnlyLooksWhenThereIsNoTimeToWait,

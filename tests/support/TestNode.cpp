@@ -24,7 +24,7 @@ TestNode::TestNode(velmor::kepla::canopen::InProcessBus& aBus,
                    velmor::kepla::canopen::SdoServerSettings const& aSettings)
     : mNode(aNode)
     , mChannel(aBus.open("node" + std::to_string(aNode),
-                         {{0x000, 0x7FF}, {velmor::kepla::canopen::sdoRequestId(aNode), 0x7FF}}))
+                         {{0x000}, {velmor::kepla::canopen::sdoRequestId(aNode)}, {0x700U + aNode}}))
     , mServer(aNode, *this, *this, aSettings)
     , mThread([this] { work(); }) {}
 
@@ -54,7 +54,9 @@ void TestNode::work() {
         if (!frame) {
             continue;
         }
-        if (frame->id == 0) {
+        if (frame->remote) {
+            answerGuarding();
+        } else if (frame->id == 0) {
             onCommand(*frame);
         } else if (heeds()) {
             mServer.onFrame(*frame, Clock::current().now());
@@ -80,6 +82,17 @@ void TestNode::onCommand(CanFrame const& aFrame) {
     if (aFrame.length >= 2 && (aFrame.data[1] == mNode || aFrame.data[1] == 0)) {
         mCommands.push_back(static_cast<NmtCommand>(aFrame.data[0]));
         mChanged.notify_all();
+    }
+}
+
+void TestNode::answerGuarding() {
+    std::function<std::optional<std::uint8_t>()> hook;
+    {
+        std::lock_guard const lock(mMutex);
+        hook = mGuardHook;
+    }
+    if (auto const state = hook ? hook() : std::nullopt) {
+        mChannel->send(CanFrame{0x700U + mNode, 1, {*state}});
     }
 }
 
@@ -165,6 +178,11 @@ void TestNode::onWrite(SdoObject aObject, WriteHook aHook) {
 void TestNode::onRead(SdoObject aObject, std::function<void()> aHook) {
     std::lock_guard const lock(mMutex);
     mReadHooks[aObject] = std::move(aHook);
+}
+
+void TestNode::onGuard(std::function<std::optional<std::uint8_t>()> aHook) {
+    std::lock_guard const lock(mMutex);
+    mGuardHook = std::move(aHook);
 }
 
 void TestNode::setDeaf(bool aDeaf) {

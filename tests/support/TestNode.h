@@ -68,6 +68,10 @@ public:
     void sendBootUp() { sendState(velmor::kepla::canopen::NmtState::BootUp); }
     void sendState(velmor::kepla::canopen::NmtState aState);
     void sendEmergency(Bytes const& aData);
+
+    /// Lets a function answer to node guarding, on the node's thread: it gives back the byte to send, or
+    /// none.
+    void onGuard(std::function<std::optional<std::uint8_t>()> aHook);
     void sendRaw(velmor::kepla::canopen::CanFrame const& aFrame) { mChannel->send(aFrame); }
 
     /// Waits until so many SDO requests have come in all.
@@ -93,6 +97,7 @@ private:
     void sendFrame(velmor::kepla::canopen::CanFrame const& aFrame) override;
     void work();
     void onCommand(velmor::kepla::canopen::CanFrame const& aFrame);
+    void answerGuarding();
     bool heeds();
 
     std::uint8_t const mNode;
@@ -105,6 +110,7 @@ private:
     std::map<SdoObject, std::uint32_t, Order> mRefused;
     std::map<SdoObject, WriteHook, Order> mHooks;
     std::map<SdoObject, std::function<void()>, Order> mReadHooks;
+    std::function<std::optional<std::uint8_t>()> mGuardHook;
     std::vector<SdoObject> mWrites;
     std::vector<velmor::kepla::canopen::NmtCommand> mCommands;
     std::size_t mRequests = 0;

@@ -150,7 +150,7 @@ void SdoPeer::carryToPeer() {
                 return;
             }
         }
-        if (frame) {
+        if (frame && !frame->remote) { // The framing has no remote frames.
             std::vector<std::uint8_t> payload{static_cast<std::uint8_t>(frame->id),
                                               static_cast<std::uint8_t>(frame->id >> 8U)};
             payload.insert(payload.end(), frame->data.begin(), frame->data.begin() + frame->length);

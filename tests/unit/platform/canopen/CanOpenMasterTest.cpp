@@ -379,6 +379,170 @@ TEST_F(MasterTest, TellsOnceThatAHeartbeatIsMissingAndThatItIsBack) {
     EXPECT_EQ(master->status(8).state, NmtState::Operational);
 }
 
+// ----- node guarding
+
+/// The master guards node 8, whose answers are given one by one.
+struct GuardingTest : MasterTest {
+    static constexpr char const* kRepeated = "Node 8: an answer to node guarding repeats the toggle bit";
+
+    /// The master asks; the node's answer is this byte.
+    void guard(std::uint8_t aAnswer) {
+        node.onGuard([aAnswer] { return aAnswer; });
+        master->guard(8);
+    }
+    void expectSigns(std::uint32_t aCount) {
+        EXPECT_TRUE(master->awaitStatus(
+            8, [&](NodeStatus const& aStatus) { return aStatus.signs >= aCount; }, 1h));
+        EXPECT_EQ(master->status(8).signs, aCount);
+    }
+};
+
+TEST_F(GuardingTest, AsksWithARemoteFrameOfOneByte) {
+    auto const watch = bus.open("watch");
+    master->guard(8);
+    EXPECT_EQ(watch->receive(0ms), (CanFrame{.id = 0x708, .length = 1, .remote = true}));
+    EXPECT_THROW(master->guard(0), std::invalid_argument);
+    EXPECT_THROW(master->guard(128), std::invalid_argument);
+    bus.failLink(CanLinkError::Reason::BusOff, "can0");
+    EXPECT_THROW(master->guard(8), CanLinkError);
+}
+
+TEST_F(GuardingTest, TakesTheStateFromAnswersWhoseToggleBitAlternates) {
+    guard(0x7F);
+    expectSigns(1);
+    EXPECT_EQ(master->status(8).state, NmtState::PreOperational);
+    guard(0x80 | 0x05);
+    expectSigns(2);
+    EXPECT_EQ(master->status(8).state, NmtState::Operational);
+    guard(0x04);
+    expectSigns(3);
+    EXPECT_EQ(master->status(8).state, NmtState::Stopped);
+    EXPECT_EQ(master->status(8).bootUps, 0U);
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+TEST_F(GuardingTest, TakesAFirstAnswerWithEitherToggleBitOfANodeThatRanBefore) {
+    guard(0x80 | 0x7F);
+    expectSigns(1);
+    guard(0x7F);
+    expectSigns(2);
+}
+
+TEST_F(GuardingTest, PassesOverAnAnswerThatRepeatsTheToggleBit) {
+    guard(0x80 | 0x7F);
+    expectSigns(1);
+    guard(0x80 | 0x04); // As if it had not been received.
+    awaitLine(Severity::Warning, kRepeated);
+    EXPECT_EQ(master->status(8).signs, 1U);
+    EXPECT_EQ(master->status(8).state, NmtState::PreOperational);
+    guard(0x05);
+    expectSigns(2);
+    guard(0x04);
+    while (log.count(Severity::Warning, kRepeated) < 2) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(master->status(8).signs, 2U);
+    EXPECT_EQ(master->status(8).state, NmtState::Operational);
+}
+
+TEST_F(GuardingTest, WantsAZeroToggleBitAfterABootUp) {
+    guard(0x80 | 0x7F);
+    expectSigns(1);
+    node.sendBootUp();
+    expectSigns(2);
+    guard(0x80 | 0x05);
+    awaitLine(Severity::Warning, kRepeated);
+    guard(0x05);
+    expectSigns(3);
+    EXPECT_EQ(master->status(8).state, NmtState::Operational);
+}
+
+TEST_F(GuardingTest, TakesEveryHeartbeatOfANodeThatDoesNotAnswer) {
+    for (std::uint32_t beat = 1; beat <= 4; ++beat) {
+        master->guard(8);
+        node.sendState(NmtState::Operational);
+        expectSigns(beat);
+    }
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+TEST_F(GuardingTest, TakesTheHeartbeatsOfANodeThatWasGuardedBefore) {
+    guard(0x80 | 0x7F);
+    expectSigns(1);
+    for (std::uint32_t beat = 2; beat <= 5; ++beat) {
+        node.sendState(NmtState::PreOperational);
+        expectSigns(beat);
+    }
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+TEST_F(GuardingTest, FollowsTheToggleBitOfAnswersThatAnotherMasterAskedFor) {
+    auto const other = bus.open("other master");
+    node.onGuard([toggle = std::uint8_t{0}]() mutable {
+        std::uint8_t const state = toggle | 0x05;
+        toggle ^= 0x80;
+        return state;
+    });
+    CanFrame const request{.id = 0x708, .length = 1, .remote = true};
+    for (std::uint32_t round = 0; round < 3; ++round) {
+        other->send(request);
+        expectSigns(3 * round + 1);
+        master->guard(8);
+        expectSigns(3 * round + 2);
+        other->send(request);
+        expectSigns(3 * round + 3);
+    }
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+TEST_F(GuardingTest, DoesNotTakeTheAnswerOfAnotherNodeForThatOfTheOneAsked) {
+    TestNode second(bus, 9);
+    second.onGuard([] { return 0x05; });
+    master->guard(8);
+    master->guard(9);
+    EXPECT_TRUE(master->awaitStatus(
+        9, [](NodeStatus const& aStatus) { return aStatus.signs == 1; }, 1h));
+    EXPECT_EQ(master->status(8).signs, 0U);
+    EXPECT_EQ(master->status(8).state, NmtState::Unknown);
+}
+
+TEST_F(GuardingTest, ANodeThatDoesNotAnswerStaysUnknown) {
+    master->guard(8);
+    auto sign = std::async(std::launch::async, [&] {
+        return master->awaitStatus(
+            8, [](NodeStatus const& aStatus) { return aStatus.signs > 0; }, 10s);
+    });
+    while (sign.wait_for(0s) != std::future_status::ready) {
+        clock->advance(1s);
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(sign.get());
+    EXPECT_EQ(master->status(8).state, NmtState::Unknown);
+}
+
+TEST_F(GuardingTest, AnAnswerEndsTheSilenceOfASupervisedNode) {
+    master->superviseHeartbeat(8, 300ms);
+    while (!log.has(Severity::Warning, "Node 8: no heartbeat for 300 ms")) {
+        clock->advance(100ms);
+        std::this_thread::yield();
+    }
+    guard(0x05);
+    expectSigns(1);
+    EXPECT_EQ(master->status(8).state, NmtState::Operational);
+}
+
+TEST_F(GuardingTest, RemoteFramesOfOtherIdentifiersMeanNothing) {
+    node.set32({0x3000, 1}, 42);
+    for (std::uint32_t const id : {0x088U, 0x588U, 0x700U, 0x188U}) {
+        node.sendRaw({.id = id, .length = 8, .remote = true});
+    }
+    EXPECT_EQ(client.readUInt32(0x3000, 1), 42U);
+    EXPECT_EQ(master->status(8).signs, 0U);
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+// ----- emergencies
+
 TEST_F(MasterTest, LogsEmergencies) {
     node.sendEmergency({0x10, 0x42, 0x09, 1, 2, 3, 4, 5}); // Code 0x4210, register generic and temperature.
     node.sendEmergency({0x00, 0x00, 0x00, 0, 0, 0, 0, 0});

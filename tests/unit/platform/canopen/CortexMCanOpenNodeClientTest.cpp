@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -247,11 +248,62 @@ TEST_F(CortexMTest, TellsWhichNodeDidNotComeUpAndWhatWasWaitedFor) {
         clock->advance(250ms);
         std::this_thread::yield();
     }
-    EXPECT_THAT(
-        failure.get(),
-        testing::StartsWith("Node 8: the board did not come up within 30 s: waited for its boot-up, its "
-                            "heartbeat, or its answer to a read of 0x1000:00 (node 8, object 0x1000:00: "));
+    EXPECT_THAT(failure.get(),
+                testing::StartsWith(
+                    "Node 8: the board did not come up within 30 s: waited for its boot-up, its "
+                    "heartbeat, its answer to node guarding, or its answer to a read of 0x1000:00 (node 8, "
+                    "object 0x1000:00: "));
     EXPECT_TRUE(board.calls.empty());
+}
+
+TEST_F(CortexMTest, FindsABoardThatOnlyAnswersToNodeGuarding) {
+    // It has booted before the master came, is stopped, and sends no heartbeat.
+    store("jenkins_build_id=123\n", compressed(100));
+    node.setDeaf(true);
+    node.onGuard([this]() -> std::uint8_t {
+        bool const woken = !node.awaitCommands(0).empty();
+        node.setDeaf(!woken);
+        return woken ? 0x7F : 0x04;
+    });
+    auto prepared = std::async(std::launch::async, [&] { board.prepare(); });
+    auto const begin = clock->now();
+    while (node.awaitCommands(0).empty()) {
+        moveOnSlowly(prepared);
+    }
+    auto const told = clock->now();
+    driveUntilReady(prepared);
+    prepared.get();
+    EXPECT_GT(told, begin);
+    EXPECT_EQ(master->status(8).state, NmtState::PreOperational);
+    EXPECT_EQ(master->status(8).signs, 1U) << "it is asked until it has answered";
+    EXPECT_EQ(node.awaitCommands(2), (std::vector{NmtCommand::PreOperational, NmtCommand::Start}));
+    EXPECT_EQ(board.calls, (std::vector<std::string>{"configurePDOs", "afterPrepare"}));
+}
+
+TEST_F(CortexMTest, GuardsNoBoardThatHasGivenASignOfLife) {
+    std::atomic<int> asked = 0;
+    node.onGuard([&asked]() -> std::optional<std::uint8_t> {
+        ++asked;
+        return std::nullopt;
+    });
+    node.setDeaf(true);
+    node.sendState(NmtState::Stopped);
+    EXPECT_TRUE(master->awaitStatus(
+        8, [](NodeStatus const& aStatus) { return aStatus.signs == 1; }, 1h));
+    auto prepared = std::async(std::launch::async, [&] { board.prepare(); });
+    while (node.awaitCommands(0).empty()) {
+        moveOnSlowly(prepared);
+    }
+    node.setDeaf(false);
+    driveUntilReady(prepared);
+    prepared.get();
+    EXPECT_EQ(asked, 0);
+}
+
+TEST_F(CortexMTest, AsksABoardThatAnswersReadsForNothingElse) {
+    auto const watch = bus.open("watch", {{0x708}});
+    board.prepare();
+    EXPECT_EQ(watch->receive(0ms), std::nullopt);
 }
 
 TEST_F(CortexMTest, ReachesABoardThroughALinkThatComesBack) {

@@ -79,18 +79,32 @@ TEST(CanFrameBits, AreThoseWorkedOutByHand) {
     EXPECT_EQ(canFrameBits({0x014, 1, {0x01}}), 55U);
 }
 
+TEST(CanFrameBits, OfARemoteFrameCountNoDataWhateverItAsksFor) {
+    // 0 11100001000 1 00 000 (1) 1 and 00001 0111 00000 (1) 0, the check sum 000010111000000: 34 + 2 + 10
+    // = 46.
+    CanFrame const guardRequest{.id = 0x708, .length = 1, .remote = true};
+    EXPECT_EQ(canFrameCrc(guardRequest), 0x05C0U);
+    EXPECT_EQ(canFrameBits(guardRequest), 46U);
+    // 0 11111 (0) 11111 (0) 1 1 00000 (1) 0 and 101010011101010, where no five are alike: 34 + 3 + 10 = 47.
+    CanFrame const last{.id = 0x7FF, .length = 0, .remote = true};
+    EXPECT_EQ(canFrameCrc(last), 0x54EAU);
+    EXPECT_EQ(canFrameBits(last), 47U);
+}
+
 TEST(CanFrameBits, StayWithinTheBoundsOfStuffing) {
     // 44 bits and the data, and at the worst a stuff bit behind the first five and every four that follow.
     std::mt19937 random(1);
     for (int i = 0; i < 20'000; ++i) {
         CanFrame frame{
             static_cast<std::uint32_t>(random() % 0x800), static_cast<std::uint8_t>(random() % 9), {}};
-        for (std::uint8_t byte = 0; byte < frame.length; ++byte) {
+        frame.remote = i % 4 == 0;
+        unsigned const dataBits = frame.remote ? 0U : 8U * frame.length;
+        for (std::uint8_t byte = 0; byte < dataBits / 8U; ++byte) {
             frame.data[byte] = static_cast<std::uint8_t>(random() % 3 == 0 ? 0x00 : random());
         }
-        unsigned const least = 44U + 8U * frame.length;
+        unsigned const least = 44U + dataBits;
         ASSERT_GE(canFrameBits(frame), least);
-        ASSERT_LE(canFrameBits(frame), least + (34U + 8U * frame.length - 1U) / 4U);
+        ASSERT_LE(canFrameBits(frame), least + (34U + dataBits - 1U) / 4U);
     }
 }
 
@@ -129,6 +143,44 @@ TEST(InProcessBus, LetsTheLowestIdentifierGoFirst) {
     }
     EXPECT_EQ(listener->receive(nanoseconds(0))->id, 0x708U);
     EXPECT_EQ(idsOf(*a), (Ids{0x000, 0x088, 0x588})); // b's
+}
+
+TEST(InProcessBus, LetsADataFrameGoBeforeARemoteFrameOfItsIdentifier) {
+    InProcessBus bus;
+    auto const a = bus.open("a");
+    auto const b = bus.open("b");
+    auto const listener = bus.open("listener");
+    CanFrame const request{.id = 0x708, .length = 1, .remote = true};
+    bus.hold();
+    a->send(request);
+    b->send({0x708, 1, {0x05}});
+    b->send({0x709, 1, {0x05}});
+    bus.release();
+    EXPECT_EQ(listener->receive(nanoseconds(0)), (CanFrame{0x708, 1, {0x05}}));
+    EXPECT_EQ(listener->receive(nanoseconds(0)), request);
+    EXPECT_EQ(listener->receive(nanoseconds(0)), (CanFrame{0x709, 1, {0x05}}));
+}
+
+TEST(InProcessBus, ASilentNodeIsAskedButDoesNotAnswer) {
+    InProcessBus bus;
+    auto const master = bus.open("can0");
+    auto const board = bus.open("board");
+    CanFrame const request{.id = 0x708, .length = 1, .remote = true};
+    bus.silence(8);
+    master->send(request);
+    EXPECT_EQ(board->receive(nanoseconds(0)), request);
+    board->send({0x708, 1, {0x05}});
+    EXPECT_EQ(master->receive(nanoseconds(0)), std::nullopt);
+}
+
+TEST(InProcessBus, ARemoteFrameHasNoBytesThatCouldBeDamaged) {
+    InProcessBus bus;
+    auto const master = bus.open("can0");
+    auto const board = bus.open("board");
+    CanFrame const request{.id = 0x708, .length = 1, .remote = true};
+    bus.inject({.action = BusFault::Action::Corrupt, .corruption = {0xFF}});
+    master->send(request);
+    EXPECT_EQ(board->receive(nanoseconds(0)), request);
 }
 
 TEST(InProcessBus, DeliversOnlyWhatAChannelWants) {

@@ -124,11 +124,11 @@ TEST_F(SocketCanChannelTest, AsksForAnswersHeartbeatsEmergenciesErrorFramesAndDr
         }
         return false;
     };
-    for (canid_t const wanted : {0x081U, 0x0FFU, 0x581U, 0x5FFU, 0x701U, 0x77FU}) {
+    for (canid_t const wanted : {0x081U, 0x0FFU, 0x581U, 0x5FFU, 0x701U, 0x77FU, 0x708U | CAN_RTR_FLAG}) {
         EXPECT_TRUE(passes(wanted)) << std::hex << wanted;
     }
     for (canid_t const other : {0x000U, 0x100U, 0x181U, 0x57FU, 0x601U, 0x67FU, 0x6FFU, 0x780U, 0x7FFU,
-                                0x581U | CAN_RTR_FLAG, 0x581U | CAN_EFF_FLAG}) {
+                                0x581U | CAN_RTR_FLAG, 0x081U | CAN_RTR_FLAG, 0x581U | CAN_EFF_FLAG}) {
         EXPECT_FALSE(passes(other)) << std::hex << other;
     }
     EXPECT_EQ(sockets->errorMask & CAN_ERR_BUSOFF, CAN_ERR_BUSOFF);
@@ -146,6 +146,21 @@ TEST_F(SocketCanChannelTest, SendsAFrameAsItIs) {
     EXPECT_EQ(sockets->sent[0].len, 8);
     EXPECT_EQ(sockets->sent[0].data[0], 0x40);
     EXPECT_EQ(sockets->sent[0].data[2], 0x10);
+}
+
+TEST_F(SocketCanChannelTest, SendsARemoteFrameWithItsFlagAndWithoutBytes) {
+    SocketCanChannel channel("can0", sockets);
+    channel.send(CanFrame{.id = 0x708, .length = 1, .remote = true});
+    ASSERT_EQ(sockets->sent.size(), 1U);
+    EXPECT_EQ(sockets->sent[0].can_id, 0x708U | CAN_RTR_FLAG);
+    EXPECT_EQ(sockets->sent[0].len, 1);
+    EXPECT_EQ(sockets->sent[0].data[0], 0);
+}
+
+TEST_F(SocketCanChannelTest, ReceivesARemoteFrameWithoutBytes) {
+    SocketCanChannel channel("can0", sockets);
+    sockets->arrive(0x708U | CAN_RTR_FLAG, {0x7F}); // The kernel leaves in the bytes what was there.
+    EXPECT_EQ(channel.receive(1s), (CanFrame{.id = 0x708, .length = 1, .remote = true}));
 }
 
 TEST_F(SocketCanChannelTest, RefusesFramesThatNoBusCanCarry) {

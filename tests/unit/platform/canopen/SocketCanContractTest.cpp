@@ -96,7 +96,7 @@ public:
     CanChannel& channel() override { return *mChannel; }
     void peerSends(CanFrame const& aFrame) override {
         can_frame frame{};
-        frame.can_id = aFrame.id;
+        frame.can_id = aFrame.id | (aFrame.remote ? CAN_RTR_FLAG : 0U);
         frame.len = aFrame.length;
         std::copy_n(aFrame.data.begin(), aFrame.length, frame.data);
         EXPECT_EQ(::send(mSockets->ends[1], &frame, sizeof(frame), 0), static_cast<ssize_t>(sizeof(frame)));
@@ -105,7 +105,9 @@ public:
         std::vector<CanFrame> result;
         can_frame frame{};
         while (::recv(mSockets->ends[1], &frame, sizeof(frame), MSG_DONTWAIT) > 0) {
-            CanFrame each{frame.can_id, frame.len, {}};
+            CanFrame each{.id = frame.can_id & ~CAN_RTR_FLAG,
+                          .length = frame.len,
+                          .remote = (frame.can_id & CAN_RTR_FLAG) != 0};
             std::copy_n(frame.data, frame.len, each.data.begin());
             result.push_back(each);
         }

@@ -6,6 +6,7 @@
 #include "support/HandClockScope.h"
 #include "support/LogCapture.h"
 
+#include <velmor/kepla/canopen/CanOpenMaster.h>
 #include <velmor/kepla/canopen/InProcessBus.h>
 
 #include <chrono>
@@ -27,8 +28,11 @@ using libfieldwarden::test::Severity;
 using velmor::kepla::canopen::CanChannel;
 using velmor::kepla::canopen::CanFrame;
 using velmor::kepla::canopen::CanLinkError;
+using velmor::kepla::canopen::CanOpenMaster;
 using velmor::kepla::canopen::InProcessBus;
+using velmor::kepla::canopen::NmtCommand;
 using velmor::kepla::canopen::NmtState;
+using velmor::kepla::canopen::NodeStatus;
 using namespace std::chrono_literals;
 
 constexpr CanFrame kBootUp{0x708, 1, {0x00}};
@@ -41,6 +45,8 @@ CanFrame readRequest(std::uint16_t aIndex, std::uint8_t aSubindex) {
             8,
             {0x40, static_cast<std::uint8_t>(aIndex), static_cast<std::uint8_t>(aIndex >> 8U), aSubindex}};
 }
+constexpr CanFrame kNoHeartbeat{0x608, 8, {0x2B, 0x17, 0x10, 0x00, 0, 0}};
+constexpr CanFrame kGuardRequest{.id = 0x708, .length = 1, .remote = true};
 CanFrame const kReadCount = readRequest(0x3000, 0);
 constexpr CanFrame kCountAnswer{0x588, 8, {0x4F, 0x00, 0x30, 0x00, 17}};
 
@@ -127,10 +133,70 @@ TEST_F(CanNodeTest, TakesANewHeartbeatPeriodAtOnceAndNoneAtAll) {
     expectSilence();
     mClock->advance(1ms);
     EXPECT_EQ(next(), heartbeat(NmtState::PreOperational));
-    EXPECT_EQ(ask({0x608, 8, {0x2B, 0x17, 0x10, 0x00, 0, 0}}).data[0], 0x60);
+    EXPECT_EQ(ask(kNoHeartbeat).data[0], 0x60);
     ask(kReadCount); // Only so that the node has seen to its period.
     mClock->awaitWaiters(1);
     mClock->advance(1min);
+    expectSilence();
+}
+
+TEST_F(CanNodeTest, AnswersNodeGuardingWithItsStateAndAnAlternatingBitWhileItDoesNotBeat) {
+    EXPECT_EQ(ask(kNoHeartbeat).data[0], 0x60);
+    mMaster->send(kGuardRequest);
+    EXPECT_EQ(next(), (CanFrame{0x708, 1, {0x7F}}));
+    mMaster->send(kGuardRequest);
+    EXPECT_EQ(next(), (CanFrame{0x708, 1, {0x80 | 0x7F}}));
+    command(0x01);
+    mMaster->send(kGuardRequest);
+    EXPECT_EQ(next(), (CanFrame{0x708, 1, {0x05}}));
+    command(0x02);
+    mMaster->send(kGuardRequest);
+    EXPECT_EQ(next(), (CanFrame{0x708, 1, {0x80 | 0x04}}));
+}
+
+TEST_F(CanNodeTest, BeginsItsAnswersToNodeGuardingAnewAfterABootUp) {
+    EXPECT_EQ(ask(kNoHeartbeat).data[0], 0x60);
+    mMaster->send(kGuardRequest);
+    EXPECT_EQ(next(), (CanFrame{0x708, 1, {0x7F}}));
+    command(0x82);
+    EXPECT_EQ(next(), kBootUp);
+    EXPECT_EQ(ask(kNoHeartbeat).data[0], 0x60);
+    mMaster->send(kGuardRequest);
+    EXPECT_EQ(next(), (CanFrame{0x708, 1, {0x7F}}));
+}
+
+TEST_F(CanNodeTest, IsGuardedByTheMasterThroughItsRestarts) {
+    LogCapture const log;
+    CanOpenMaster master(mBus.open("can0"), 1);
+    std::uint32_t signs = 0;
+    auto const awaitSign = [&] {
+        ++signs;
+        return master.awaitStatus(
+            8, [&](NodeStatus const& aStatus) { return aStatus.signs == signs; }, 24h);
+    };
+    for (int start = 0; start < 3; ++start) {
+        EXPECT_EQ(ask(kNoHeartbeat).data[0], 0x60);
+        for (int round = 0; round < 3; ++round) {
+            master.guard(8);
+            ASSERT_TRUE(awaitSign());
+            EXPECT_EQ(master.status(8).state, NmtState::PreOperational);
+        }
+        master.command(NmtCommand::ResetCommunication, 8);
+        ASSERT_TRUE(awaitSign());
+    }
+    EXPECT_EQ(master.status(8).bootUps, 3U);
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+TEST_F(CanNodeTest, DoesNotAnswerNodeGuardingWhileItBeatsNorThatOfOthersNorASilentOne) {
+    mMaster->send(kGuardRequest);
+    expectSilence();
+    EXPECT_EQ(ask(kNoHeartbeat).data[0], 0x60);
+    mMaster->send({.id = 0x709, .length = 1, .remote = true});
+    mMaster->send({.id = 0x608, .length = 8, .remote = true});
+    expectSilence();
+    mNode.faults().setSilent(true);
+    mMaster->send(kGuardRequest);
     expectSilence();
 }
 

@@ -12,7 +12,7 @@
 namespace velmor::kepla::canopen {
 
 /// One participant of a CAN bus. A channel does not receive its own frames. The frames of one sender arrive
-/// in the order in which they were sent where their identifiers are equal.
+/// in the order in which they were sent where their identifiers and kinds are equal.
 ///
 /// All operations may be called from any thread at the same time; one thread at a time receives.
 class CanChannel {

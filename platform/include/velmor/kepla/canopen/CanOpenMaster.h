@@ -114,6 +114,14 @@ public:
     /// @throws CanLinkError           as CanChannel::send().
     void command(NmtCommand aCommand, unsigned char aNode);
 
+    /// Asks a node for a sign of life by node guarding (CiA 301, with a remote frame). Does not wait for the
+    /// answer, which counts in status() and ends awaitStatus(). An answer that repeats the toggle bit of the
+    /// answer before is passed over and logged. Nodes that send a heartbeat need not answer.
+    /// @param aNode  The node, 1 to 127.
+    /// @throws std::invalid_argument  when the node is out of range.
+    /// @throws CanLinkError           as CanChannel::send().
+    void guard(unsigned char aNode);
+
     /// @param aNode  The node, 1 to 127.
     /// @return What was heard of it. Never blocks for long.
     NodeStatus status(unsigned char aNode) const;

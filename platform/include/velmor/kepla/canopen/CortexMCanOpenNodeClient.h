@@ -28,8 +28,8 @@ class FirmwareImage;
 /// | Index  | Subindex | Type   | Meaning                                                               |
 /// |--------|----------|--------|-----------------------------------------------------------------------|
 /// | 0x1F50 | 1        | domain | program data: the compressed image as it is stored, written only      |
-/// | 0x1F51 | 1        | U8     | program control: write 0 stop, 1 start, 3 clear; read 0 stopped, 1 running
-/// | | 0x1F56 | 1        | U32    | build id of the program; 0 when there is none                         |
+/// | 0x1F51 | 1        | U8     | program control: write 0 stop, 1 start, 3 clear; read 1 running, else 0 |
+/// | 0x1F56 | 1        | U32    | build id of the program; 0 when there is none                         |
 /// | 0x1F57 | 1        | U32    | flash status: bit 0 busy, bits 1 to 7 the error (0 none)              |
 /// | 0x200B | 1        | string | platform identifier, compared with the one of "build.info"            |
 /// | 0x2200 | 1        | domain | the record text of the board                                          |
@@ -61,10 +61,10 @@ public:
     /// @return The device name (0x1008) as prepare() read it; "node " and the number before. Never blocks.
     virtual std::string name() const;
 
-    /// Brings the board up: waits until it answers, puts it into operation, compares its firmware with the
-    /// stored one and replaces it where they differ, reads its identity, hands its record on, and calls
-    /// afterPrepare(). Blocks for half a minute when the board does not answer, and for minutes while the
-    /// firmware is replaced.
+    /// Brings the board up: waits for its boot-up, its heartbeat or its answer to node guarding until it
+    /// answers, puts it into operation, compares its firmware with the stored one and replaces it where they
+    /// differ, reads its identity, hands its record on, and calls afterPrepare(). Blocks for half a minute
+    /// when the board does not answer, and for minutes while the firmware is replaced.
     /// @throws std::runtime_error  with the node and what was waited for when the board does not answer; with
     ///                             the reason when the firmware must be replaced and cannot be; and whatever
     ///                             the hooks throw.
@@ -131,6 +131,7 @@ private:
 
     void bringUp();
     bool answers(std::string& aWhyNot);
+    void awaitSign(std::uint32_t aSigns);
     void readIdentity();
     std::string identityText(std::uint16_t aIndex);
     std::uint32_t identityNumber(std::uint8_t aSubindex);

@@ -40,17 +40,17 @@ struct BusFault {
     enum class Action {
         Drop,      ///< The frame is lost.
         Duplicate, ///< The frame comes twice.
-        Corrupt,   ///< Its data bytes are changed, as by a board with bad memory.
+        Corrupt,   ///< Its data bytes are changed, as by a board with bad memory; a remote frame has none.
         Delay,     ///< It is held back in the sender, so that others overtake it.
     };
     static constexpr std::size_t kAlways = std::numeric_limits<std::size_t>::max();
 
     Action action = Action::Drop;
-    std::function<bool(CanFrame const&)> matches; ///< Which frames; empty: all. Must not use the bus.
-    std::size_t skip = 0;                         ///< Matching frames that pass before the first is hit.
-    std::size_t count = 1;                        ///< Matching frames that are hit.
-    velmor::platform::Clock::Duration delay{};    ///< For Delay.
-    std::array<std::uint8_t, 8> corruption{};     ///< For Corrupt: bits to turn over.
+    std::function<bool(CanFrame const&)> matches{}; ///< Which frames; empty: all. Must not use the bus.
+    std::size_t skip = 0;                           ///< Matching frames that pass before the first is hit.
+    std::size_t count = 1;                          ///< Matching frames that are hit.
+    velmor::platform::Clock::Duration delay{};      ///< For Delay.
+    std::array<std::uint8_t, 8> corruption{};       ///< For Corrupt: bits to turn over.
 };
 
 /// What a bus has seen so far.
@@ -67,13 +67,13 @@ struct BusCounters {
 
 /// The bus. Channels keep it alive, so that it may be closed before them.
 ///
-/// Of the frames that wait for the bus the lowest identifier goes first, and among equal ones the one that
-/// was sent first. Without a bit rate the bus is never occupied: a frame is in the queues of its receivers
-/// when send() returns. With a bit rate a frame occupies the bus of the process's clock for its exact length,
-/// stuff bits and interframe space counted. There is no thread: whoever sends or receives moves the bus on,
-/// so an idle bus does nothing. A reader that wakes late for its frame, as threads do, sends its next frame
-/// as of the time at which it should have woken: so the bus carries what its bit rate allows on a busy
-/// machine too.
+/// Of the frames that wait for the bus the lowest identifier goes first, a data frame before a remote frame
+/// of the same identifier, and among equal ones the one that was sent first. Without a bit rate the bus is
+/// never occupied: a frame is in the queues of its receivers when send() returns. With a bit rate a frame
+/// occupies the bus of the process's clock for its exact length, stuff bits and interframe space counted.
+/// There is no thread: whoever sends or receives moves the bus on, so an idle bus does nothing. A reader that
+/// wakes late for its frame, as threads do, sends its next frame as of the time at which it should have
+/// woken: so the bus carries what its bit rate allows on a busy machine too.
 ///
 /// All operations may be called from any thread and do not block, but for send() and receive() of the
 /// channels.

@@ -27,11 +27,11 @@ enum class NmtCommand : std::uint8_t {
     ResetCommunication = 0x82,
 };
 
-/// What was heard of one node.
+/// What was heard of one node. Of node guarding the answers with the right toggle bit count, whoever asked.
 struct NodeStatus {
     NmtState state = NmtState::Unknown;
     std::uint32_t bootUps = 0; ///< Boot-up messages since the master began.
-    std::uint32_t signs = 0;   ///< Boot-ups and heartbeats together.
+    std::uint32_t signs = 0;   ///< Boot-ups, heartbeats and answers to node guarding together.
     std::optional<velmor::platform::Clock::TimePoint> lastSign = {}; ///< When the last of them came.
 };
 

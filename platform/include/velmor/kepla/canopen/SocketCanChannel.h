@@ -17,7 +17,8 @@
 namespace velmor::kepla::canopen {
 
 /// A CAN interface of the machine, such as "can0". Only the frames that a CANopen master wants come up: SDO
-/// answers (0x581 to 0x5FF), boot-up and heartbeat (0x701 to 0x77F), and emergencies (0x081 to 0x0FF).
+/// answers (0x581 to 0x5FF), boot-up, heartbeat and node guarding with its remote frames (0x701 to 0x77F),
+/// and emergencies (0x081 to 0x0FF).
 ///
 /// A fault of the link (interface down or gone, bus-off, transmit queue full) closes the socket and thereby
 /// gives up what it still holds; the next operation opens a new one, or throws the reason why that is not
