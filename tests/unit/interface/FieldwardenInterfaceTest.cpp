@@ -69,6 +69,12 @@ public:
         run(onMainboard);
         return mSimulated->mainboard();
     }
+    std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> seqlockDriver() override {
+        return mSimulated->seqlockDriver();
+    }
+    std::filesystem::path instrumentPath(std::filesystem::path const& aPath) override {
+        return mSimulated->instrumentPath(aPath);
+    }
     std::optional<std::string> deviceLogBusAddress(bool aSystemBus) override {
         run(onDeviceLog);
         return mSimulated->deviceLogBusAddress(aSystemBus);
