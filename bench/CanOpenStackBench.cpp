@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the whole CANopen stack costs beside a bare exchange of the same frames between two threads.
+// What the whole CANopen stack costs beside a bare exchange of the same frames between two threads, and how
+// many round trips a second it makes beside a stack that others wrote in JavaScript, with the same server
+// behind the same kind of socket.
+#include "support/ChildProcess.h"
+#include "support/SdoLoopback.h"
+
 #include <velmor/kepla/canopen/CanOpenMaster.h>
 #include <velmor/kepla/canopen/CanOpenNodeClient.h>
 #include <velmor/kepla/canopen/CanSocketApi.h>
@@ -13,9 +18,12 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
+#include <fcntl.h>
 #include <linux/can.h>
 #include <net/if.h>
 #include <sys/socket.h>
@@ -23,12 +31,20 @@
 
 namespace {
 
+using libfieldwarden::test::ByteDictionary;
+using libfieldwarden::test::ChildProcess;
+using velmor::kepla::canopen::CanFrame;
 using velmor::kepla::canopen::CanOpenMaster;
 using velmor::kepla::canopen::CanOpenNodeClient;
 using velmor::kepla::canopen::CanSocketApi;
+using velmor::kepla::canopen::SdoFrameSink;
+using velmor::kepla::canopen::SdoServerCore;
 using velmor::kepla::canopen::SocketCanChannel;
+using velmor::platform::Clock;
 
 constexpr unsigned char kNode = 8;
+constexpr std::uint16_t kObject = 0x3000;
+constexpr std::uint8_t kSubindices = 17; ///< Numbers of that object, read in turn from 1 on.
 
 /// Two ends of a socket that keeps frames apart, as a CAN socket does.
 struct SocketPair {
@@ -125,24 +141,106 @@ void BM_BarePingPong(benchmark::State& aState) {
 }
 BENCHMARK(BM_BarePingPong)->UseRealTime();
 
-void BM_FullStackExpeditedRead(benchmark::State& aState) {
-    SocketPair sockets;
-    Responder const responder(sockets.ends[1], expeditedAnswer);
+/// Reads through the whole stack from whoever answers at the other end.
+void readExpedited(benchmark::State& aState, SocketPair const& aSockets) {
     {
         auto const master = std::make_shared<CanOpenMaster>(
-            std::make_unique<SocketCanChannel>("pair", std::make_shared<PairSockets>(sockets.ends[0])), 1);
+            std::make_unique<SocketCanChannel>("pair", std::make_shared<PairSockets>(aSockets.ends[0])), 1);
         CanOpenNodeClient client(master, kNode);
-        // Two objects in turn: reading one object again within milliseconds costs a second round trip, by
+        // Several objects in turn: reading one object again within milliseconds costs a second round trip, by
         // which a repeated answer is told from a new one.
         std::uint8_t subindex = 1;
         for (auto _ : aState) {
-            benchmark::DoNotOptimize(client.readInt32(0x3000, subindex));
-            subindex = subindex == 17 ? 1 : static_cast<std::uint8_t>(subindex + 1);
+            benchmark::DoNotOptimize(client.readInt32(kObject, subindex));
+            subindex = subindex == kSubindices ? 1 : static_cast<std::uint8_t>(subindex + 1);
         }
         aState.SetItemsProcessed(aState.iterations());
     }
-    ::shutdown(sockets.ends[0], SHUT_RDWR);
+    ::shutdown(aSockets.ends[0], SHUT_RDWR);
+}
+
+void BM_FullStackExpeditedRead(benchmark::State& aState) {
+    SocketPair const sockets;
+    Responder const responder(sockets.ends[1], expeditedAnswer);
+    readExpedited(aState, sockets);
 }
 BENCHMARK(BM_FullStackExpeditedRead)->UseRealTime();
+
+/// Our SDO server at one end of a socket.
+class Server final : private SdoFrameSink {
+public:
+    explicit Server(int aSocket)
+        : mSocket(aSocket) {
+        for (std::uint8_t subindex = 1; subindex <= kSubindices; ++subindex) {
+            mObjects.at({kObject, subindex}) = {subindex, 2, 3, 4};
+        }
+    }
+    virtual ~Server() = default;
+    Server(Server const&) = delete;
+    Server& operator=(Server const&) = delete;
+
+    /// Waits for a request and answers it.
+    /// @return Whether one came.
+    bool serve() {
+        can_frame raw{};
+        if (::recv(mSocket, &raw, sizeof(raw), 0) != static_cast<ssize_t>(sizeof(raw))) {
+            return false;
+        }
+        CanFrame request{.id = raw.can_id, .length = raw.len};
+        std::memcpy(request.data.data(), raw.data, request.data.size());
+        mCore.onFrame(request, Clock::current().now());
+        return true;
+    }
+
+private:
+    void sendFrame(CanFrame const& aFrame) override {
+        can_frame raw{};
+        raw.can_id = aFrame.id;
+        raw.len = aFrame.length;
+        std::memcpy(raw.data, aFrame.data.data(), aFrame.data.size());
+        static_cast<void>(
+            ::send(mSocket, &raw, sizeof(raw), MSG_NOSIGNAL)); // A client that has gone is no fault.
+    }
+
+    int mSocket;
+    ByteDictionary mObjects;
+    SdoServerCore mCore{kNode, mObjects, *this};
+};
+
+void BM_ReadFromOurServer(benchmark::State& aState) {
+    SocketPair const sockets;
+    Server server(sockets.ends[1]);
+    std::thread thread([&server] {
+        while (server.serve()) {
+        }
+    });
+    readExpedited(aState, sockets);
+    thread.join();
+}
+BENCHMARK(BM_ReadFromOurServer)->UseRealTime();
+
+#ifdef FIELDWARDEN_PEER_SCRIPT
+/// The same reads by the JavaScript stack, in a process of its own that reads as fast as it is answered.
+void BM_JavaScriptReadsFromOurServer(benchmark::State& aState) {
+    constexpr int kWarmUp = 20'000; // Until its code has been compiled.
+    SocketPair const sockets;
+    Server server(sockets.ends[1]);
+    ::fcntl(sockets.ends[0], F_SETFD, 0);
+    ChildProcess const peer(
+        {"node", FIELDWARDEN_PEER_SCRIPT, std::to_string(sockets.ends[0]), FIELDWARDEN_PEER_MODULES});
+    bool served = true;
+    for (int i = 0; i < kWarmUp && served; ++i) {
+        served = server.serve();
+    }
+    for (auto _ : aState) {
+        served = served && server.serve();
+    }
+    if (!served) {
+        aState.SkipWithError("the JavaScript stack does not ask any more");
+    }
+    aState.SetItemsProcessed(aState.iterations());
+}
+BENCHMARK(BM_JavaScriptReadsFromOurServer)->UseRealTime();
+#endif
 
 } // namespace

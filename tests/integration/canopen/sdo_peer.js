@@ -10,31 +10,10 @@
 'use strict';
 
 const net = require('net');
-const Module = require('module');
-const path = require('path');
 
 const [socketPath, modules] = process.argv.slice(2);
 
-// The package takes its check sum from a native module. It is installed without its build step, so that the tests need
-// no compiler for it; this is that one function: CRC-16 with polynomial 0x1021 and start 0, most significant bit first.
-function crc16(data) {
-    let crc = 0;
-    for (const byte of data) {
-        crc ^= byte << 8;
-        for (let bit = 0; bit < 8; ++bit) {
-            crc = crc & 0x8000 ? ((crc << 1) ^ 0x1021) & 0xffff : (crc << 1) & 0xffff;
-        }
-    }
-    const result = Buffer.alloc(2);
-    result.writeUInt16BE(crc);
-    return result;
-}
-const load = Module._load;
-Module._load = function (request, ...rest) {
-    return request === 'node-crc' ? { crc: (...args) => crc16(args[args.length - 1]) } : load.call(this, request, ...rest);
-};
-
-const { Device, DataType, ObjectType } = require(path.join(modules, 'node_modules', 'canopen'));
+const { Device, DataType, ObjectType } = require('./load_canopen')(modules);
 
 const socket = net.connect(socketPath);
 
