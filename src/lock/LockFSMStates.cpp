@@ -10,6 +10,7 @@
 #include <utility>
 
 using libfieldwarden::lock::LockStatus;
+using libfieldwarden::lock::made;
 using libfieldwarden::lock::StartAndStopIfc;
 using libfieldwarden::lock::StateLog;
 using velmor::kepla::log::Severity;
@@ -29,7 +30,7 @@ FSM::FSM(my_context aContext,
          std::shared_ptr<LockListenerSync> aListener,
          std::shared_ptr<StartAndStopIfc> aStreams,
          std::shared_ptr<LockParametersInterface> aParameters)
-    : my_base(std::move(aContext))
+    : my_base(aContext)
     , mWorkflows(std::move(aWorkflows))
     , mListener(std::move(aListener))
     , mStreams(std::move(aStreams))
@@ -72,7 +73,7 @@ WaitingForMagnetFrequency::WaitingForMagnetFrequency(my_context aContext)
                "Exiting waiting for magnet frequency") {
     if (outermost_context().magnetFrequencyKnown()) {
         keplaDoLog(Severity::Debug, "we do have a magnet frequency, go ahead", {});
-        post_event(EvGotMagnetFrequency());
+        post_event(made<EvGotMagnetFrequency>());
     }
 }
 
@@ -83,11 +84,11 @@ Starting::Starting(my_context aContext)
     lock.tell(LockStatus::Running, "starting");
     try {
         lock.startLock();
-        post_event(EvStarted());
+        post_event(made<EvStarted>());
     } catch (std::exception const& failure) {
         keplaDoLog(Severity::Error, "Starting the lock failed with error: %s", {}, failure.what());
         lock.tellError(std::string("Could not start the lock: ") + failure.what());
-        post_event(EvReset());
+        post_event(made<EvReset>());
     }
 }
 
@@ -104,11 +105,11 @@ Stopping::Stopping(my_context aContext)
     lock.tell(LockStatus::Running, "stopping");
     try {
         lock.stopLock();
-        post_event(EvStopped());
+        post_event(made<EvStopped>());
     } catch (std::exception const& failure) {
         keplaDoLog(Severity::Error, "Failed to stop the lock: %s", {}, failure.what());
         lock.tellError(std::string("Failed to stop the lock: ") + failure.what());
-        post_event(EvReset());
+        post_event(made<EvReset>());
     }
 }
 
@@ -119,11 +120,11 @@ Restarting::Restarting(my_context aContext)
     lock.tell(LockStatus::Running, "restarting");
     try {
         lock.stopLock();
-        post_event(EvStart());
+        post_event(made<EvStart>());
     } catch (std::exception const& failure) {
         keplaDoLog(Severity::Error, "Failed to stop the lock for restart: %s", {}, failure.what());
         lock.tellError(std::string("Failed to stop the lock for restart purpose: ") + failure.what());
-        post_event(EvReset());
+        post_event(made<EvReset>());
     }
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include <boost/intrusive_ptr.hpp>
 #include <boost/mpl/list.hpp>
 #include <boost/statechart/asynchronous_state_machine.hpp>
 #include <boost/statechart/custom_reaction.hpp>
@@ -43,6 +44,12 @@ struct EvGotPIDSetChanged : boost::statechart::event<EvGotPIDSetChanged> {};
 struct EvGotMagnetFrequency : boost::statechart::event<EvGotMagnetFrequency> {};
 
 namespace libfieldwarden::lock {
+
+/// @return A new event, owned by the pointer.
+template <typename Event>
+boost::intrusive_ptr<boost::statechart::event_base const> made() {
+    return {new Event()}; // NOLINT: boost::statechart counts the references in the event itself
+}
 
 /// What the machine starts and stops: the workflows and the streams.
 class StartAndStopIfc {

@@ -26,7 +26,7 @@ public:
     MemoryFile& operator=(MemoryFile const&) = delete;
 
     /// Replaces the content.
-    void fill(std::uint8_t const* aData, std::size_t aSize) {
+    void fill(std::uint8_t const* aData, std::size_t aSize) const {
         if (ftruncate(mDescriptor, 0) != 0 ||
             pwrite(mDescriptor, aData, aSize, 0) != static_cast<ssize_t>(aSize)) {
             std::abort();

@@ -24,6 +24,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 
+using libfieldwarden::lock::made;
 using libfieldwarden::lock::StartAndStopIfc;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::Severity;
@@ -34,11 +35,6 @@ namespace {
 
 using Event = boost::intrusive_ptr<boost::statechart::event_base const>;
 using Journal = std::vector<std::string>;
-
-template <typename Kind>
-Event make() {
-    return {new Kind()};
-}
 
 /// Everything that happens, in one order: calls of the listener, and starts and stops.
 class Heard : public LockInterfaceListener {
@@ -133,14 +129,14 @@ constexpr std::array kEventNames{"EvStart", "EvStop",         "EvStarted",      
                                  "EvReset", "EvGotFrequency", "EvGotPIDSetChanged", "EvHardwareError"};
 
 Event makeEvent(std::size_t aColumn) {
-    static std::array<Event (*)(), kEventNames.size()> const kMakers{make<EvStart>,
-                                                                     make<EvStop>,
-                                                                     make<EvStarted>,
-                                                                     make<EvStopped>,
-                                                                     make<EvReset>,
-                                                                     make<EvGotMagnetFrequency>,
-                                                                     make<EvGotPIDSetChanged>,
-                                                                     make<EvHardwareError>};
+    static std::array<Event (*)(), kEventNames.size()> const kMakers{made<EvStart>,
+                                                                     made<EvStop>,
+                                                                     made<EvStarted>,
+                                                                     made<EvStopped>,
+                                                                     made<EvReset>,
+                                                                     made<EvGotMagnetFrequency>,
+                                                                     made<EvGotPIDSetChanged>,
+                                                                     made<EvHardwareError>};
     return kMakers.at(aColumn)();
 }
 
@@ -211,7 +207,7 @@ public:
     }
     template <typename Kind>
     void handle() {
-        handle(make<Kind>());
+        handle(made<Kind>());
     }
 
     /// From within a state's entry: has the machine handle an event ahead of what the state posts itself.

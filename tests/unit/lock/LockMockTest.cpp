@@ -203,7 +203,8 @@ TEST_F(LockMockTest, TakesAFolderOrAPipeInTheFilesPlaceForAnEmptyText) {
 }
 
 TEST_F(LockMockTest, TakesAHugeBinaryFileWhole) {
-    std::string huge(100'000'000, '\0');
+    std::string huge;
+    huge.resize(100'000'000);
     huge[12345] = '\xff';
     writeFile(warningsFile(), huge);
     make();
