@@ -19,6 +19,9 @@ std::span<EmbeddedFile const> matrixFiles();
 /// @return The firmware of the shim boards with its "build.info".
 std::span<EmbeddedFile const> shimFirmwareFiles();
 
+/// @return Program and window of the lock sequencer.
+std::span<EmbeddedFile const> lockFirmwareFiles();
+
 /// @return The factory shims.
 std::span<EmbeddedFile const> factoryFiles();
 

@@ -7,6 +7,7 @@
 
 #include <velmor/platform/ScaledClock.h>
 
+#include <algorithm>
 #include <fstream>
 #include <span>
 #include <stdexcept>
@@ -40,6 +41,7 @@ Folders::Folders(std::filesystem::path aRoot)
     , shimFirmware(root / "usr/share/firmware/Q47ShimBoard")
     , spectrometer(root / "opt/panorin/conf/instr/spect")
     , tempFirmware(root / "usr/share/firmware/Q47TemperatureBoard")
+    , lockFirmware(root / "usr/share/firmware/Q47Lock")
     , data(root / "data")
     , deviceIds(data / "deviceids")
     , dataLogger(data / "libfieldwarden/datalogger.sqlite")
@@ -49,17 +51,21 @@ Instrument::Instrument(Options const& aOptions)
     : mFolders(std::filesystem::absolute(aOptions.folder))
     , mClock(std::make_shared<velmor::platform::ScaledClock>(aOptions.timeScale))
     , mMainboard(std::make_shared<Mainboard>())
+    , mMagnet(std::make_shared<Magnet>(aOptions.magnet, mClock->now()))
+    , mSequencer(std::make_shared<SequencerDriver>(
+          mClock, mMagnet, mMainboard, Sequencer::Options{.seed = aOptions.seed}, aOptions.sequencerPace))
     , mCanBus(std::make_unique<velmor::kepla::canopen::InProcessBus>(
           velmor::kepla::canopen::InProcessBusSettings{}, *mClock)) {
     makeFolders();
     writeFiles();
     switchBoardsOn(aOptions.seed);
+    wireMagnet();
 }
 
 void Instrument::makeFolders() const {
-    for (auto const& folder :
-         {mFolders.config / "matrices", mFolders.factory, mFolders.shimFirmware, mFolders.spectrometer,
-          mFolders.tempFirmware, mFolders.deviceIds, mFolders.dataLogger.parent_path(), mFolders.boards}) {
+    for (auto const& folder : {mFolders.config / "matrices", mFolders.factory, mFolders.shimFirmware,
+                               mFolders.spectrometer, mFolders.tempFirmware, mFolders.lockFirmware,
+                               mFolders.deviceIds, mFolders.dataLogger.parent_path(), mFolders.boards}) {
         std::filesystem::create_directories(folder);
     }
 }
@@ -74,7 +80,8 @@ void Instrument::writeFiles() const {
     };
     for (Delivery const& delivery :
          {Delivery{matrixFiles(), mFolders.config / "matrices"},
-          Delivery{shimFirmwareFiles(), mFolders.shimFirmware}, Delivery{factoryFiles(), mFolders.factory}}) {
+          Delivery{shimFirmwareFiles(), mFolders.shimFirmware}, Delivery{factoryFiles(), mFolders.factory},
+          Delivery{lockFirmwareFiles(), mFolders.lockFirmware}}) {
         for (EmbeddedFile const& file : delivery.files) {
             writeUnlessThere(delivery.folder / file.name,
                              {reinterpret_cast<char const*>(file.bytes.data()), file.bytes.size()});
@@ -92,6 +99,20 @@ void Instrument::switchBoardsOn(std::uint64_t aSeed) {
         mShimBoards.push_back(board);
         mShimNodes.push_back(std::make_unique<CanNode>(mCanBus->open(name), node, board, *mClock));
     }
+}
+
+/// The magnet feels what the boards drive. It keeps the boards, since the sequencer may outlive the
+/// instrument.
+void Instrument::wireMagnet() const {
+    mMagnet->setCurrentSource([boards = mShimBoards] {
+        Magnet::Currents currents{};
+        auto place = currents.begin();
+        for (auto const& board : boards) {
+            auto const driven = board->currentsAmpere();
+            place = std::copy(driven.begin(), driven.end(), place);
+        }
+        return currents;
+    });
 }
 
 } // namespace libfieldwarden::sim

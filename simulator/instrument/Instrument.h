@@ -4,7 +4,9 @@
 
 #include "simulator/boards/CanNode.h"
 #include "simulator/boards/ShimBoard.h"
+#include "simulator/magnet/Magnet.h"
 #include "simulator/mainboard/Mainboard.h"
+#include "simulator/sequencer/SequencerDriver.h"
 
 #include <velmor/kepla/canopen/InProcessBus.h>
 #include <velmor/platform/Clock.h>
@@ -28,6 +30,7 @@ struct Folders {
     std::filesystem::path shimFirmware; ///< Firmware of the shim boards.
     std::filesystem::path spectrometer; ///< Holds "lock.config".
     std::filesystem::path tempFirmware; ///< Firmware of the temperature board.
+    std::filesystem::path lockFirmware; ///< Program and window of the lock sequencer.
     std::filesystem::path data;         ///< Holds "deviceids".
     std::filesystem::path deviceIds;    ///< The device records.
     std::filesystem::path dataLogger;   ///< The data logger's file.
@@ -41,6 +44,9 @@ public:
         std::filesystem::path folder; ///< Where its files live; made when it is not there.
         double timeScale = 1.0;       ///< Instrument seconds in a real second.
         std::uint64_t seed = 1;       ///< Of all noise: the same seed and the same script give the same run.
+        Magnet::Options magnet = {};
+        /// Who moves the lock sequencer on; by hand only in tests of it.
+        SequencerDriver::Pace sequencerPace = SequencerDriver::Pace::Clock;
     };
 
     /// Makes the folders, and in them the files that are not there yet: device records, matrices, firmware,
@@ -54,6 +60,9 @@ public:
     Folders const& folders() const noexcept { return mFolders; }
     std::shared_ptr<velmor::platform::Clock> clock() const noexcept { return mClock; }
     std::shared_ptr<Mainboard> mainboard() const noexcept { return mMainboard; }
+    std::shared_ptr<Magnet> magnet() const noexcept { return mMagnet; }
+    /// @return The lock sequencer behind its driver; its faults too.
+    std::shared_ptr<SequencerDriver> sequencer() const noexcept { return mSequencer; }
     /// @param aNumber  1 for node 8, 2 for node 9.
     /// @throws std::out_of_range  for another number.
     std::shared_ptr<ShimBoard> shimBoard(std::size_t aNumber) const { return mShimBoards.at(aNumber - 1); }
@@ -65,10 +74,13 @@ private:
     void makeFolders() const;
     void writeFiles() const;
     void switchBoardsOn(std::uint64_t aSeed);
+    void wireMagnet() const;
 
     Folders mFolders;
     std::shared_ptr<velmor::platform::Clock> mClock;
     std::shared_ptr<Mainboard> mMainboard;
+    std::shared_ptr<Magnet> mMagnet;
+    std::shared_ptr<SequencerDriver> mSequencer;
     std::unique_ptr<velmor::kepla::canopen::InProcessBus> mCanBus;
     std::vector<std::shared_ptr<ShimBoard>> mShimBoards;
     std::vector<std::unique_ptr<CanNode>> mShimNodes; ///< Last, so that the boards are switched off first.

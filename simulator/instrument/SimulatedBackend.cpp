@@ -9,7 +9,6 @@
 #include <velmor/kepla/datalogger/SqliteDataLogger.h>
 #include <velmor/kepla/deviceid/DeviceIdDirectory.h>
 
-#include <stdexcept>
 #include <utility>
 
 namespace libfieldwarden::sim {
@@ -47,7 +46,7 @@ public:
     }
 
     std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> seqlockDriver() override {
-        throw std::runtime_error("The simulated instrument has no lock sequencer yet.");
+        return mInstrument->sequencer();
     }
 
     std::filesystem::path instrumentPath(std::filesystem::path const& aPath) override {

@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace libfieldwarden::sim {
 
@@ -30,8 +31,19 @@ std::uint32_t Mainboard::txFrequencyWord(unsigned int aChannel) {
 
 void Mainboard::setTxFrequencyWord(unsigned int aChannel, std::uint32_t aWord) {
     checkChannel(aChannel);
-    std::lock_guard const lock(mMutex);
-    mTx[aChannel].frequencyWord = aWord;
+    {
+        std::lock_guard const lock(mMutex);
+        mTx[aChannel].frequencyWord = aWord;
+    }
+    std::lock_guard const lock(mObserverMutex);
+    if (mTransmitterObserver) {
+        mTransmitterObserver();
+    }
+}
+
+void Mainboard::setTransmitterObserver(std::function<void()> aObserver) {
+    std::lock_guard const lock(mObserverMutex);
+    mTransmitterObserver = std::move(aObserver);
 }
 
 void Mainboard::setTxAmplitudeWord(std::uint32_t aWord) {

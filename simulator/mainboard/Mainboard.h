@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 
 namespace libfieldwarden::sim {
@@ -30,6 +31,10 @@ public:
     void setTxFrequencyWord(unsigned int aChannel, std::uint32_t aWord) override;
     void setTxAmplitudeWord(std::uint32_t aWord) override;
 
+    /// @param aObserver  Called after every write of a channel's frequency word, by the thread that writes;
+    /// null for none. When this returns, the former one is not running and will not be called any more.
+    void setTransmitterObserver(std::function<void()> aObserver);
+
     /// @return The colour of the status LED, 0 while it is off.
     int statusLed() const;
     /// @return The state of a transmitter channel.
@@ -44,6 +49,9 @@ private:
     int mStatusLed = 0;
     std::array<TxChannel, kTxChannels> mTx;
     std::uint32_t mTxAmplitudeWord = 0;
+
+    std::mutex mObserverMutex; ///< Held while the observer runs; never together with the other one.
+    std::function<void()> mTransmitterObserver;
 };
 
 } // namespace libfieldwarden::sim
