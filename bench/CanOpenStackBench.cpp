@@ -3,40 +3,34 @@
 // many round trips a second it makes beside a stack that others wrote in JavaScript, with the same server
 // behind the same kind of socket.
 #include "support/ChildProcess.h"
+#include "support/PairSockets.h"
 #include "support/SdoLoopback.h"
 
 #include <velmor/kepla/canopen/CanOpenMaster.h>
 #include <velmor/kepla/canopen/CanOpenNodeClient.h>
-#include <velmor/kepla/canopen/CanSocketApi.h>
 #include <velmor/kepla/canopen/SocketCanChannel.h>
 
 #include <benchmark/benchmark.h>
 
-#include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <linux/can.h>
-#include <net/if.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
 using libfieldwarden::test::ByteDictionary;
 using libfieldwarden::test::ChildProcess;
+using libfieldwarden::test::PairSockets;
+using libfieldwarden::test::SocketPair;
 using velmor::kepla::canopen::CanFrame;
 using velmor::kepla::canopen::CanOpenMaster;
 using velmor::kepla::canopen::CanOpenNodeClient;
-using velmor::kepla::canopen::CanSocketApi;
 using velmor::kepla::canopen::SdoFrameSink;
 using velmor::kepla::canopen::SdoServerCore;
 using velmor::kepla::canopen::SocketCanChannel;
@@ -45,23 +39,6 @@ using velmor::platform::Clock;
 constexpr unsigned char kNode = 8;
 constexpr std::uint16_t kObject = 0x3000;
 constexpr std::uint8_t kSubindices = 17; ///< Numbers of that object, read in turn from 1 on.
-
-/// Two ends of a socket that keeps frames apart, as a CAN socket does.
-struct SocketPair {
-    SocketPair() {
-        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-            throw std::runtime_error("socketpair");
-        }
-    }
-    ~SocketPair() {
-        ::close(ends[0]);
-        ::close(ends[1]);
-    }
-    SocketPair(SocketPair const&) = delete;
-    SocketPair& operator=(SocketPair const&) = delete;
-
-    std::array<int, 2> ends{};
-};
 
 /// Answers each request of its end with a function's frame, until the other end is shut down.
 template <typename Answer>
@@ -83,32 +60,6 @@ public:
 
 private:
     std::thread mThread;
-};
-
-/// The system calls of the CAN channel on one end of a socket pair.
-class PairSockets final : public CanSocketApi {
-public:
-    explicit PairSockets(int aSocket)
-        : mSocket(aSocket) {}
-    int open() override { return ::dup(mSocket); }
-    int interfaceIndex(int /*aSocket*/, char const* /*aName*/) override { return 1; }
-    int interfaceFlags(int /*aSocket*/, char const* /*aName*/) override { return IFF_UP | IFF_RUNNING; }
-    int setOption(int aSocket, int aLevel, int aOption, void const* aValue, unsigned aSize) override {
-        return aLevel == SOL_SOCKET ? mKernel->setOption(aSocket, aLevel, aOption, aValue, aSize) : 0;
-    }
-    int bind(int /*aSocket*/, int /*aInterfaceIndex*/) override { return 0; }
-    ssize_t read(int aSocket, bool aWait, can_frame& aFrame, unsigned& aDropped) override {
-        return mKernel->read(aSocket, aWait, aFrame, aDropped);
-    }
-    ssize_t write(int aSocket, can_frame const& aFrame) override { return mKernel->write(aSocket, aFrame); }
-    int poll(pollfd* aEntries, nfds_t aCount, int aTimeoutMs) override {
-        return mKernel->poll(aEntries, aCount, aTimeoutMs);
-    }
-    int close(int aSocket) override { return mKernel->close(aSocket); }
-
-private:
-    int mSocket;
-    std::shared_ptr<CanSocketApi> mKernel = CanSocketApi::posix();
 };
 
 /// The least that a node can do: every read gets four bytes, every write its acknowledgement.

@@ -60,6 +60,7 @@ private:
 
 std::vector<Channel> makeChannels(SqliteDataLogger& aLogger) {
     std::vector<Channel> channels;
+    channels.reserve(kChannels);
     for (int number = 0; number < kChannels; ++number) {
         channels.push_back(aLogger.createChannel(info(number)));
     }

@@ -72,6 +72,7 @@ public:
 /// Holds the frames of one side until the other side takes them; room for a whole block.
 class FrameBox final : public SdoFrameSink {
 public:
+    virtual ~FrameBox() = default;
     void sendFrame(CanFrame const& aFrame) override { mFrames[mCount++] = aFrame; }
 
     template <typename Take>
@@ -202,6 +203,7 @@ class ChannelSink final : public SdoFrameSink {
 public:
     explicit ChannelSink(CanChannel& aChannel)
         : mChannel(aChannel) {}
+    virtual ~ChannelSink() = default;
     void sendFrame(CanFrame const& aFrame) override { mChannel.send(aFrame); }
 
 private:

@@ -16,6 +16,7 @@ namespace libfieldwarden::test {
 /// Keeps the frames that a core wants to send.
 class FrameRecorder final : public velmor::kepla::canopen::SdoFrameSink {
 public:
+    virtual ~FrameRecorder() = default;
     void sendFrame(velmor::kepla::canopen::CanFrame const& aFrame) override { mFrames.push_back(aFrame); }
 
     /// @return The frames since the last call; the recorder is empty afterwards.

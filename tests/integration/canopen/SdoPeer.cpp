@@ -163,7 +163,10 @@ void SdoPeer::carryFromPeer() {
     std::array<std::uint8_t, 5> head{};
     std::vector<std::uint8_t> payload;
     while (readFully(head)) {
-        std::size_t const length = head[0] | head[1] << 8U | head[2] << 16U | head[3] << 24U;
+        std::size_t length = 0;
+        for (unsigned i = 4; i-- > 0;) {
+            length = length << 8U | head[i];
+        }
         payload.resize(length - 1);
         if (!readFully(payload)) {
             break;

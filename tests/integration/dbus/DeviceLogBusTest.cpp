@@ -46,6 +46,19 @@ constexpr char const* kFinished =
 
 void doNothing(std::string const& /*aPath*/, int /*aType*/, int /*aId*/) {}
 
+/// A device log that stays in its call until it is released.
+struct HeldContributor {
+    std::promise<void> begun;
+    std::promise<void> release;
+    std::optional<DeviceLogContributor> contributor{
+        std::in_place,
+        [this, wait = release.get_future().share()](std::string const&, int, int) {
+            begun.set_value();
+            wait.wait();
+        },
+        kName, BusType::SYSTEM};
+};
+
 /// A test with a bus, which the backend calls the system bus.
 class DeviceLogOnTheBus : public testing::Test {
 protected:
@@ -194,21 +207,14 @@ TEST_F(DeviceLogOnTheBus, RefusesArgumentsOfOtherTypes) {
 }
 
 TEST_F(DeviceLogOnTheBus, GoesOnAnsweringWhileTheFunctionWorks) {
-    std::promise<void> begun;
-    std::promise<void> release;
-    DeviceLogContributor const contributor(
-        [&, wait = release.get_future().share()](std::string const&, int, int) {
-            begun.set_value();
-            wait.wait();
-        },
-        kName, BusType::SYSTEM);
+    HeldContributor held;
     auto const listening = listener();
     EXPECT_EQ(createLog("/tmp", "0", "0").output, "()\n");
-    begun.get_future().wait();
+    held.begun.get_future().wait();
     EXPECT_EQ(readName().output, "(<'FieldwardenInterfaceQ47'>,)\n");
     EXPECT_EQ(gdbus("introspect", {"--dest", kBusName}).exitCode, 0);
     EXPECT_THAT(listening->output(), testing::Not(HasSubstr("finished")));
-    release.set_value();
+    held.release.set_value();
     listening->waitForOutput("(('', 0),)");
 }
 
@@ -268,24 +274,16 @@ TEST_F(DeviceLogOnTheBus, IsGoneFromTheBusWhenItEnds) {
 }
 
 TEST_F(DeviceLogOnTheBus, ReportsTheRunningCallAndTheWaitingOnesWhenItEnds) {
-    std::promise<void> begun;
-    std::promise<void> release;
-    std::optional<DeviceLogContributor> contributor(
-        std::in_place,
-        [&, wait = release.get_future().share()](std::string const&, int, int) {
-            begun.set_value();
-            wait.wait();
-        },
-        kName, BusType::SYSTEM);
+    HeldContributor held;
     auto const listening = listener();
     createLog("/running", "0", "0");
-    begun.get_future().wait();
+    held.begun.get_future().wait();
     createLog("/waiting", "0", "0");
 
-    auto const ending = std::async(std::launch::async, [&] { contributor.reset(); });
+    auto const ending = std::async(std::launch::async, [&] { held.contributor.reset(); });
     // The object goes first, so that no further call is taken while the running one is waited for.
     EXPECT_TRUE(eventually([&] { return readName().exitCode != 0; }));
-    release.set_value();
+    held.release.set_value();
     ending.wait();
     std::string const& heard = listening->waitForOutput("closed before");
     EXPECT_THAT(heard, HasSubstr("(('', 0),)"));
@@ -293,24 +291,16 @@ TEST_F(DeviceLogOnTheBus, ReportsTheRunningCallAndTheWaitingOnesWhenItEnds) {
 }
 
 TEST_F(DeviceLogOnTheBus, LogsThatTheBusHasGoneAndEndsInOrder) {
-    std::promise<void> begun;
-    std::promise<void> release;
-    std::optional<DeviceLogContributor> contributor(
-        std::in_place,
-        [&, wait = release.get_future().share()](std::string const&, int, int) {
-            begun.set_value();
-            wait.wait();
-        },
-        kName, BusType::SYSTEM);
+    HeldContributor held;
     createLog("/tmp", "0", "0");
-    begun.get_future().wait();
+    held.begun.get_future().wait();
     mBus.stop();
     EXPECT_TRUE(eventually([&] {
         return mLog.has(Severity::Error, "The D-Bus at '" + mBus.address() +
                                              "' has gone and with it the device log '" + kBusName + "'");
     }));
-    release.set_value();
-    contributor.reset();
+    held.release.set_value();
+    held.contributor.reset();
     EXPECT_TRUE(mLog.has(Severity::Warning, "Cannot tell the end of createLog: The connection is closed"));
 }
 

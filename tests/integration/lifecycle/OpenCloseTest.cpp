@@ -43,7 +43,7 @@ TEST(OpenClose, LeavesNoThreadDescriptorOrMemoryBehindInAThousandTimes) {
     constexpr int kWarmUp = 10;
     constexpr int kTimes = 1000;
     // Without this the allocator keeps the first large blocks for good, which would look like growth.
-    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024); // NOLINT(concurrency-mt-unsafe): there is no other thread yet.
     TemporaryDirectory const directory;
     std::filesystem::create_directory("/tmp/lockmock");
     Backend::use(libfieldwarden::sim::makeSimulatedBackend(
@@ -66,7 +66,7 @@ TEST(OpenClose, LeavesNoThreadDescriptorOrMemoryBehindInAThousandTimes) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     // A leak of a single small block an opening would be 990 blocks; a quarter of a MiB is the allocator's
     // own play.
-    long const quarterMiB = 256 * 1024 / sysconf(_SC_PAGESIZE);
+    long const quarterMiB = 256L * 1024 / sysconf(_SC_PAGESIZE);
     EXPECT_LE(after.residentPages - before.residentPages, quarterMiB);
 #endif
 }

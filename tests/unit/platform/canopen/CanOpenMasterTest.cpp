@@ -173,7 +173,7 @@ TEST_F(MasterTest, WritesNumbersInTheirSizes) {
 
 TEST_F(MasterTest, WritesBlocksOfAllSizes) {
     node.set({0x3001, 1}, {});
-    for (std::size_t const size : {0, 1, 4, 5, 7, 68, 889, 890, 65536}) {
+    for (std::size_t const size : {0U, 1U, 4U, 5U, 7U, 68U, 889U, 890U, 65536U}) {
         TestNode::Bytes data(size);
         std::iota(data.begin(), data.end(), std::uint8_t{1});
         client.writeBlock(0x3001, 1, data.data(), data.size());

@@ -143,13 +143,13 @@ struct CortexMTest : testing::Test {
     }
 
     /// Moves the time on, slowly enough for a loaded machine to answer in time, until somebody is done.
-    void driveUntilReady(std::future<void> const& aFuture) {
+    void driveUntilReady(std::future<void> const& aFuture) const {
         while (moveOnSlowly(aFuture)) {
         }
     }
 
     /// Moves the time on by a step, unless somebody is done.
-    bool moveOnSlowly(std::future<void> const& aFuture) {
+    bool moveOnSlowly(std::future<void> const& aFuture) const {
         if (aFuture.wait_for(1ms) == std::future_status::ready) {
             return false;
         }

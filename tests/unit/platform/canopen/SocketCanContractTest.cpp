@@ -2,15 +2,14 @@
 // The channel on the kernel's sockets keeps the contract of all channels. A socket pair stands for the bus.
 #include "support/CanChannelContract.h"
 #include "support/LeapClock.h"
+#include "support/PairSockets.h"
 
 #include <velmor/kepla/canopen/SocketCanChannel.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <memory>
-#include <stdexcept>
 
 #include <linux/can/error.h>
 #include <net/if.h>
@@ -24,57 +23,45 @@ namespace {
 using velmor::kepla::canopen::CanChannel;
 using velmor::kepla::canopen::CanFrame;
 using velmor::kepla::canopen::CanLinkError;
-using velmor::kepla::canopen::CanSocketApi;
 using velmor::kepla::canopen::SocketCanChannel;
 using velmor::platform::Clock;
 
-/// System calls on one end of a socket pair; the link can be broken.
-class PairSockets final : public CanSocketApi {
+/// A socket pair whose link can be broken.
+class BreakableSockets final : private SocketPair, public PairSockets {
 public:
-    PairSockets() {
-        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-            throw std::runtime_error("no socket pair");
-        }
-    }
-    ~PairSockets() override {
-        ::close(ends[0]);
-        ::close(ends[1]);
-    }
-    PairSockets(PairSockets const&) = delete;
-    PairSockets& operator=(PairSockets const&) = delete;
+    BreakableSockets()
+        : PairSockets(ends[0]) {}
 
-    int open() override { return ::dup(ends[0]); }
-    int interfaceIndex(int /*aSocket*/, char const* /*aName*/) override { return failing(ENODEV) ? -1 : 1; }
+    int peer() const noexcept { return ends[1]; }
+
+    int interfaceIndex(int aSocket, char const* aName) override {
+        return failing(ENODEV) ? -1 : PairSockets::interfaceIndex(aSocket, aName);
+    }
     int interfaceFlags(int /*aSocket*/, char const* /*aName*/) override {
         return (broken == ENETDOWN ? 0 : IFF_UP) | (broken == kBusOff ? 0 : IFF_RUNNING);
     }
-    int setOption(int aSocket, int aLevel, int aOption, void const* aValue, unsigned aSize) override {
-        return aLevel == SOL_SOCKET ? mKernel->setOption(aSocket, aLevel, aOption, aValue, aSize) : 0;
-    }
-    int bind(int /*aSocket*/, int /*aInterfaceIndex*/) override { return 0; }
     ssize_t read(int aSocket, bool aWait, can_frame& aFrame, unsigned& aDropped) override {
         if (broken == kBusOff) {
             aFrame = {};
             aFrame.can_id = CAN_ERR_FLAG | CAN_ERR_BUSOFF;
             return sizeof(aFrame);
         }
-        return failing(ENODEV) || failing(ENETDOWN) ? -1 : mKernel->read(aSocket, aWait, aFrame, aDropped);
+        return failing(ENODEV) || failing(ENETDOWN) ? -1
+                                                    : PairSockets::read(aSocket, aWait, aFrame, aDropped);
     }
     ssize_t write(int aSocket, can_frame const& aFrame) override {
         return failing(ENOBUFS) || failing(ENODEV) || failing(ENETDOWN) ? -1
-                                                                        : mKernel->write(aSocket, aFrame);
+                                                                        : PairSockets::write(aSocket, aFrame);
     }
     int poll(pollfd* aEntries, nfds_t aCount, int aTimeoutMs) override {
         if (broken != 0 && broken != ENOBUFS) {
             aEntries[0].revents = POLLERR;
             return 1;
         }
-        return mKernel->poll(aEntries, aCount, aTimeoutMs);
+        return PairSockets::poll(aEntries, aCount, aTimeoutMs);
     }
-    int close(int aSocket) override { return mKernel->close(aSocket); }
 
     static constexpr int kBusOff = -1;
-    std::array<int, 2> ends{};
     std::atomic<int> broken{0}; ///< The error number of the fault; 0 none.
 
 private:
@@ -82,8 +69,6 @@ private:
         errno = aError;
         return broken == aError;
     }
-
-    std::shared_ptr<CanSocketApi> mKernel = CanSocketApi::posix();
 };
 
 class SocketCanRig final : public CanChannelRig {
@@ -99,12 +84,12 @@ public:
         frame.can_id = aFrame.id | (aFrame.remote ? CAN_RTR_FLAG : 0U);
         frame.len = aFrame.length;
         std::copy_n(aFrame.data.begin(), aFrame.length, frame.data);
-        EXPECT_EQ(::send(mSockets->ends[1], &frame, sizeof(frame), 0), static_cast<ssize_t>(sizeof(frame)));
+        EXPECT_EQ(::send(mSockets->peer(), &frame, sizeof(frame), 0), static_cast<ssize_t>(sizeof(frame)));
     }
     std::vector<CanFrame> peerReceived() override {
         std::vector<CanFrame> result;
         can_frame frame{};
-        while (::recv(mSockets->ends[1], &frame, sizeof(frame), MSG_DONTWAIT) > 0) {
+        while (::recv(mSockets->peer(), &frame, sizeof(frame), MSG_DONTWAIT) > 0) {
             CanFrame each{.id = frame.can_id & ~CAN_RTR_FLAG,
                           .length = frame.len,
                           .remote = (frame.can_id & CAN_RTR_FLAG) != 0};
@@ -122,7 +107,7 @@ public:
                 mSockets->broken = ENETDOWN;
                 break;
             case CanLinkError::Reason::BusOff:
-                mSockets->broken = PairSockets::kBusOff;
+                mSockets->broken = BreakableSockets::kBusOff;
                 break;
             default:
                 mSockets->broken = ENOBUFS;
@@ -133,7 +118,7 @@ public:
 
 private:
     std::shared_ptr<Clock> mFormer = Clock::use(std::make_shared<LeapClock>());
-    std::shared_ptr<PairSockets> mSockets = std::make_shared<PairSockets>();
+    std::shared_ptr<BreakableSockets> mSockets = std::make_shared<BreakableSockets>();
     std::unique_ptr<SocketCanChannel> mChannel;
 };
 

@@ -13,7 +13,6 @@
 namespace {
 
 using libfieldwarden::test::FakeBackendScope;
-using velmor::kepla::datalogger::DataLoggerChannelInfo;
 using velmor::kepla::datalogger::DataLoggerFactory;
 using velmor::kepla::datalogger::DataLoggerStats;
 using velmor::kepla::datalogger::DataLoggerStorageType;
@@ -22,7 +21,7 @@ using velmor::kepla::datalogger::NullDataLogger;
 
 TEST(DataLoggerFactory, GivesTheBackendsDataLogger) {
     FakeBackendScope const backend;
-    auto const logger = std::make_shared<NullDataLogger>();
+    auto logger = std::make_shared<NullDataLogger>();
     backend->dataLoggerDoor = [&] { return logger; };
     EXPECT_EQ(DataLoggerFactory(false).channelCreator(), logger);
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The data logger on disks and files that fail, at the opening and at run time.
 #include "DataLoggerFixture.h"
-#include "support/Eventually.h"
 #include "support/LeapClock.h"
 
 #include <velmor/platform/Clock.h>
@@ -15,13 +14,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using libfieldwarden::test::eventually;
 using libfieldwarden::test::readFile;
 using libfieldwarden::test::Severity;
 using libfieldwarden::test::writeFile;
 using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 /// Another program's connection to the file.

@@ -225,7 +225,7 @@ TEST_F(SqliteDataLogger, NamesItsThread) {
 
 TEST_F(SqliteDataLogger, LosesNothingOfFourThreadsThatFitsTheQueue) {
     constexpr int kEach = 20'000;
-    open({.queueCapacity = 4 * kEach});
+    open({.queueCapacity = std::size_t{4} * kEach});
     Time const begin = now();
     std::vector<std::thread> pushers;
     for (int thread = 0; thread < 4; ++thread) {
@@ -341,7 +341,7 @@ TEST_F(SqliteDataLogger, ForgetsEachKindAfterItsTime) {
 }
 
 TEST_F(SqliteDataLogger, BoundsWhatTheFileHoldsAndForgetsTheOldestShortTermSamplesFirst) {
-    open({.queueCapacity = 20'000, .sizeLimit = 512 * 1024});
+    open({.queueCapacity = 20'000, .sizeLimit = std::uint64_t{512} * 1024});
     auto const settings = logger->createChannel(info("settings", Storage::LongTerm));
     auto const reading = logger->createChannel(info("reading"));
     settings->push(1.0, now() - 1000h);
