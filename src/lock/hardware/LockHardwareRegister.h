@@ -42,20 +42,16 @@ public:
 
 /// A register that can be read and written.
 template <typename T>
-class LockHardwareRegister : public LockHardwareRegisterReadOnly<T> {
+class LockHardwareRegister : public virtual LockHardwareRegisterReadOnly<T> {
 public:
-    using LockHardwareRegisterReadOnly<T>::LockHardwareRegisterReadOnly;
-
     /// Writes the value. A failure to write is not told.
     virtual void set(T aValue) = 0;
 };
 
 /// A status register: writing ones to its bits acknowledges them.
 template <typename T>
-class LockHardwareRegisterClearable : public LockHardwareRegister<T> {
+class LockHardwareRegisterClearable : public virtual LockHardwareRegister<T> {
 public:
-    using LockHardwareRegister<T>::LockHardwareRegister;
-
     /// @return The value whose writing clears the whole register: all ones.
     virtual T value4clear() const = 0;
 
