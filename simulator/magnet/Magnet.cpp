@@ -2,6 +2,7 @@
 // Strength and evenness of the field in the lock sample.
 #include "simulator/magnet/Magnet.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <string_view>
@@ -20,9 +21,10 @@ struct RawTerm {
 };
 
 /// As the magnet came from assembly. The factory shims are these with the other sign, in units of what
-/// 1/130000 A makes of each in its own coil of 2 cm radius: 37000 units of Z at 0.02 Hz/cm are 740 Hz/cm.
+/// 1/130000 A makes of each in its own coil of 2 cm radius: 37000 units of Z at 0.02 Hz/cm are 740 Hz/cm. A
+/// unit of Z4 counts twice: 1500 units at 2 * 0.003 Hz/cm^4 are 9 Hz/cm^4.
 constexpr std::array kRawField{
-    RawTerm{"Z", -740.0},      RawTerm{"Z2", 124.0}, RawTerm{"Z3", -14.0}, RawTerm{"Z4", 4.5},
+    RawTerm{"Z", -740.0},      RawTerm{"Z2", 124.0}, RawTerm{"Z3", -14.0}, RawTerm{"Z4", 9.0},
     RawTerm{"X", -288.0},      RawTerm{"Y", 402.0},  RawTerm{"XZ", -42.0}, RawTerm{"YZ", 36.0},
     RawTerm{"(X2-Y2)", -52.8}, RawTerm{"XY", 46.4},
 };
@@ -90,6 +92,7 @@ Magnet::Magnet(Options const& aOptions, Clock::TimePoint aNow)
     : mCoils(aOptions.system)
     , mProtonHz(aOptions.protonHz)
     , mT2Seconds(aOptions.t2Seconds)
+    , mRaw(aOptions.raw)
     , mDriftProtonHzPerSecond(aOptions.driftProtonHzPerSecond)
     , mDriftSince(aNow) {}
 
@@ -120,7 +123,7 @@ void Magnet::setDrift(double aProtonHzPerSecond, Clock::TimePoint aNow) {
     mDriftProtonHzPerSecond = aProtonHzPerSecond;
 }
 
-std::array<double, CoilModel::kHarmonics> const& Magnet::rawField() {
+Magnet::Harmonics const& Magnet::rawField() {
     static Harmonics const kField = [] {
         Harmonics field{};
         for (RawTerm const& term : kRawField) {
@@ -151,7 +154,7 @@ LockLine Magnet::lockLine(Clock::TimePoint aNow, std::int32_t aH0Count) const {
     Sample const& inSample = sample();
     double variance = 0.0;
     for (std::size_t i = 0; i < kHarmonics; ++i) {
-        terms[i] += rawField()[i];
+        terms[i] += mRaw[i];
         proton += terms[i] * inSample.mean[i];
     }
     for (std::size_t i = 0; i < kHarmonics; ++i) {

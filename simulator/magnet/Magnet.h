@@ -22,8 +22,8 @@ struct LockLine {
 /// A permanent magnet of 80 MHz with its shim coils and its H0 coil.
 ///
 /// The field over the lock sample is the sum of a homogeneous one and the harmonics of CoilModel. It falls by
-/// a thousandth a kelvin, drifts, and follows the H0 coil. Raw, it is uneven as kRawField tells: more than a
-/// thousand Hz across the sample. Those terms are what simulator/data/shims.factory takes out.
+/// a thousandth a kelvin, drifts, and follows the H0 coil. Without shims it is uneven by more than a
+/// thousand Hz across the sample, which simulator/data/shims.factory takes out.
 ///
 /// The sample is a cylinder along the bore, 2 cm long and 4 mm wide. Its line is taken to be a Lorentzian of
 /// the width sqrt(12) times the standard deviation of the field in it, which is the full width of the line
@@ -47,11 +47,15 @@ public:
     /// The 2^23 counts of full scale are 4.185 kHz in 19F, 4.449 kHz in 1H.
     static constexpr double kFluorineHzPerH0Count = 68571428.0 / (2048.0 * 65536.0) / 1024.0;
 
+    /// The strength of each harmonic, in Hz of 1H per cm^degree.
+    using Harmonics = std::array<double, CoilModel::kHarmonics>;
+
     struct Options {
         double protonHz = 80'123'400.0;         ///< At the reference temperature, at first.
         double driftProtonHzPerSecond = -0.005; ///< 18 Hz an hour.
         double t2Seconds = 0.020;               ///< Of the lock sample in an even field.
         ShimSystem system = ShimSystem::Wmxs1a; ///< The coils that are fitted.
+        Harmonics raw = rawField();             ///< Of the magnet without shims.
     };
 
     /// @param aNow  When the drift begins.
@@ -73,12 +77,10 @@ public:
     /// @return The line of the lock sample.
     LockLine lockLine(Clock::TimePoint aNow, std::int32_t aH0Count) const;
 
-    /// @return The strength of each harmonic of the raw magnet, in Hz of 1H per cm^degree.
-    static std::array<double, CoilModel::kHarmonics> const& rawField();
+    /// @return How uneven the field is that simulator/data/shims.factory makes even.
+    static Harmonics const& rawField();
 
 private:
-    using Harmonics = std::array<double, CoilModel::kHarmonics>;
-
     /// Mean and spread of the harmonics in the sample.
     struct Sample {
         Harmonics mean{};
@@ -91,6 +93,7 @@ private:
     CoilModel const mCoils;
     double const mProtonHz;
     double const mT2Seconds;
+    Harmonics const mRaw;
 
     mutable std::mutex mMutex; ///< Guards all below.
     std::function<Currents()> mCurrents;
