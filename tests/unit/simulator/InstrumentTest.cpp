@@ -8,7 +8,9 @@
 #include <velmor/kepla/mds/Mds.h>
 #include <velmor/q47/mainboarddaemon/MainboardInterface.h>
 
+#include <cstring>
 #include <stdexcept>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -58,6 +60,30 @@ TEST_F(SimulatedInstrumentTest, OpensItsDoorsToItsModels) {
     EXPECT_EQ(backend->clock(), instrument->clock());
     EXPECT_EQ(backend->deviceIdClient()->mainMds(), readFile(instrument->folders().deviceIds / "main.mds"));
     EXPECT_FALSE(backend->deviceLogBusAddress(true).has_value());
+    EXPECT_EQ(backend->seqlockDriver(), instrument->sequencer());
+}
+
+TEST_F(SimulatedInstrumentTest, BringsTheFirmwareOfTheLockWhereTheInstrumentHasIt) {
+    auto const instrument = std::make_shared<Instrument>(Instrument::Options{.folder = mDirectory.path()});
+    auto const backend = libfieldwarden::sim::makeSimulatedBackend(instrument);
+    // A version word and six instructions; 1,007 coefficients of two bytes.
+    EXPECT_EQ(readFile(backend->instrumentPath("/usr/share/firmware/Q47Lock/memory.bin")).size(), 28U);
+    EXPECT_EQ(readFile(backend->instrumentPath("/usr/share/firmware/Q47Lock/window.bin")).size(), 2014U);
+}
+
+TEST_F(SimulatedInstrumentTest, LetsTheMagnetFeelWhatTheBoardsDrive) {
+    Instrument const instrument({.folder = mDirectory.path(), .magnet = {.driftProtonHzPerSecond = 0.0}});
+    auto const before = instrument.magnet()->lockLine(instrument.clock()->now(), 0);
+    // All currents of a board are set at once, little endian, in uA. Source 7 of board 2 is that of Z0: -100
+    // mA.
+    std::vector<std::uint8_t> currents(17 * 4);
+    std::int32_t const current = -100'000;
+    std::memcpy(&currents[6 * 4], &current, sizeof current);
+    ASSERT_EQ(instrument.shimBoard(2)->write({0x3001, 1}, currents), 0U);
+    instrument.clock()->sleepFor(std::chrono::milliseconds(10)); // Twenty time constants of a source.
+    auto const after = instrument.magnet()->lockLine(instrument.clock()->now(), 0);
+    // 1300 Hz at 1 A; the Z2 of the same coil, -97.5 Hz/cm^2, has a mean of -31.5 Hz over the sample.
+    EXPECT_NEAR((after.fluorineHz - before.fluorineHz) / 0.9407841, -126.85, 0.1);
 }
 
 } // namespace
