@@ -2,6 +2,7 @@
 // Watches the running lock: decides from the PID stream whether it is locked, keeps the dumps of FID and FFT.
 #pragma once
 
+#include "lock/LockAcquisitionsIfc.h"
 #include "lock/LockLost.h"
 #include "lock/hardware/LockFFTDump.h"
 #include "lock/hardware/LockFIDDump.h"
@@ -44,7 +45,8 @@ class PeriodicCallerManagerIfc;
 ///
 /// start() and stop() come from the state machine's thread. Everything else may be called from any thread;
 /// what waits says so. The destructor ends thread, regular dumps and a dump under way within about a second.
-class LockStreams : private virtual velmor::kepla::log::Logger {
+class LockStreams : public libfieldwarden::lock::LockAcquisitionsIfc,
+                    private virtual velmor::kepla::log::Logger {
 public:
     /// @param aHardware         Switches what the streams carry.
     /// @param aPIDStream        The PID records.
@@ -61,7 +63,7 @@ public:
                 std::shared_ptr<LockShimTargetTemperatureRegulatorIfc> aRegulator,
                 std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> const& aDataLogger,
                 std::shared_ptr<velmor::kepla::utils::PeriodicCallerManagerIfc> aPeriodicManager);
-    ~LockStreams();
+    ~LockStreams() override;
     LockStreams(LockStreams const&) = delete;
     LockStreams& operator=(LockStreams const&) = delete;
 
@@ -100,12 +102,12 @@ public:
     /// Makes both dumps now. Blocks for as long as the sequencer takes, at most 30 s for a flush and 30 s for
     /// the data, of each. A failure is logged only.
     /// @param aName  Becomes part of the files' names.
-    void dumpFFTandFID(std::string const& aName);
+    void dumpFFTandFID(std::string const& aName) override;
 
     /// Measures the FFT at its zero crossing. Blocks like a dump.
     /// @return The slope of the imaginary part in counts a point.
     /// @throws std::runtime_error  when no data come.
-    double fftSlopeAt0Crossing();
+    double fftSlopeAt0Crossing() override;
 
     /// Makes a dump or a measurement of the slope that is under way, and every later one, fail within a
     /// second: for those who close. Does not block.
