@@ -94,6 +94,9 @@ public:
     /// @return Whether the data have stopped coming since the last start.
     bool pidDataTimedOut() const;
 
+    /// @return The folder of the dumps, as it lies in the file system.
+    std::filesystem::path const& dumpDirectory() const { return mDumpDirectory; }
+
     /// Have a dump made, soon; return at once.
     /// @param aName  Becomes part of the file's name.
     void requestDumpFID(std::string const& aName);
