@@ -17,8 +17,8 @@
 ///
 /// Any thread may call. No lock is held while the listener runs, so it may call back, two of its calls may
 /// run at once, and one that is under way may end after removeListener() has returned. It is called with the
-/// value that is kept at that time, so that the last one that it hears is the present one. A listener that
-/// throws is logged and harms nobody. Nothing here allocates.
+/// value that is kept when its call begins. A listener that throws is logged and harms nobody. Nothing here
+/// allocates.
 class TemperatureListenerSync : public TemperatureListenerInterface,
                                 private virtual velmor::kepla::log::Logger {
 public:

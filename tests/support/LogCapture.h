@@ -8,6 +8,7 @@
 #include <mutex>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace libfieldwarden::test {
@@ -25,6 +26,11 @@ struct CapturedLine {
 /// Compares urgency and words only, so that an expected line is written as {Severity::Error, "words"}.
 bool operator==(CapturedLine const& aLeft, CapturedLine const& aRight);
 void PrintTo(CapturedLine const& aLine, std::ostream* aStream);
+
+/// A line of the log as it is expected.
+inline CapturedLine line(Severity aSeverity, std::string aText) {
+    return {aSeverity, std::move(aText), {}, {}};
+}
 
 /// Sets the process's logging up to catch all lines, from construction to destruction.
 class LogCapture {

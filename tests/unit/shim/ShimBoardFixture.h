@@ -4,20 +4,18 @@
 
 #include "shim/ShimBoardQ47.h"
 
+#include "support/ExpectThrow.h"
 #include "support/FakeCanOpenNode.h"
 #include "support/FakeDataLogger.h"
 #include "support/FakePeriodicCallers.h"
 #include "support/LogCapture.h"
-
-#include <velmor/kepla/canopen/CanOpenMaster.h>
-#include <velmor/kepla/canopen/InProcessBus.h>
+#include "support/SilentMaster.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
-#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -52,12 +50,6 @@ inline std::shared_ptr<FakeCanOpenNode> makeShimNode(unsigned char aNodeId) {
     return node;
 }
 
-/// A bus on which nobody answers, for boards whose dictionary is scripted.
-inline std::shared_ptr<velmor::kepla::canopen::CanOpenMaster> makeSilentMaster() {
-    return std::make_shared<velmor::kepla::canopen::CanOpenMaster>(
-        velmor::kepla::canopen::InProcessBus().open("can0"), std::uint8_t{1});
-}
-
 /// The board itself, but for its bus.
 class ScriptedShimBoard : private virtual velmor::kepla::log::Logger, public ShimBoardQ47 {
 public:
@@ -85,23 +77,6 @@ private:
     std::shared_ptr<FakeCanOpenNode> mNode;
     std::function<void()> mOnPrepare;
 };
-
-/// A line of the log as it is expected.
-inline CapturedLine line(Severity aSeverity, std::string aText) {
-    return {aSeverity, std::move(aText), {}, {}};
-}
-
-/// Asserts the type to the letter and the words of what an expression throws.
-template <typename Exception, typename Action>
-void expectThrow(Action const& aAction, std::string const& aWords) {
-    try {
-        aAction();
-        ADD_FAILURE() << "nothing was thrown";
-    } catch (std::exception const& error) {
-        EXPECT_EQ(typeid(error), typeid(Exception)) << typeid(error).name();
-        EXPECT_EQ(std::string(error.what()), aWords);
-    }
-}
 
 /// The access that sets all currents.
 inline std::string writing(std::vector<int> const& aCurrents) {
