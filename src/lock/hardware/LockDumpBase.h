@@ -14,6 +14,9 @@
 #include <vector>
 
 class LockHardwareInterface;
+namespace H5 {
+class H5File;
+}
 
 /// What the dumps of FID and FFT have in common; they differ in the device and in what they trigger.
 ///
@@ -64,6 +67,7 @@ private:
     std::unique_ptr<Packet> triggerAndRead();
     ComplextInt32Vector decode(Packet const& aPacket) const;
     void dumpToH5(ComplextInt32Vector const& aData, std::string const& aFile) const;
+    static void makeH5Dataset(H5::H5File& aFile, std::vector<int> const& aVector, std::string const& aName);
 
     std::shared_ptr<LockHardwareInterface> const mHardware;
     std::string const mPath;

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <latch>
@@ -69,19 +70,26 @@ public:
 private:
     using Clock = velmor::platform::Clock;
 
+    LockStreamPacketReader(std::string aPath, unsigned int aSize, Processor aProcessor, bool aBackground);
+
     void open(SeqlockDriver& aDriver);
     void readerThread();
+    bool attempt(void (LockStreamPacketReader::*aStep)()) noexcept;
     void readAndProcess();
+    void restFor(Clock::Duration aDuration);
     std::unique_ptr<Packet> readSinglePrivate(std::chrono::seconds const& aTimeout);
-    void stepToPacket();
+    bool ranOut(Clock::TimePoint aBegin, std::chrono::seconds const& aLimit) const;
     void waitForData(std::unique_lock<std::mutex>& aDeviceLock, std::chrono::seconds const& aTimeout);
     void flushPending();
-    bool stepOverPacketEnd();
+    ssize_t discardToPacketEnd(Clock::TimePoint aBegin);
 
     std::string const mPath;
     std::uint32_t const mInitialSize;
     Processor const mProcessor;
+    bool const mBackground;
     std::atomic<bool> mStop{false};
+    std::mutex mStopMutex; ///< Guards the wake-up alone.
+    std::condition_variable mStopped;
     Clock& mClock = Clock::current();
     std::unique_ptr<velmor::q47::seqlock::StreamDevice> mDevice; ///< Null while not open.
 
