@@ -80,6 +80,5 @@ void LockListenerSync::removeListener() {
 }
 
 int LockListenerSync::lastState() const {
-    std::lock_guard const lock(mMutex);
     return mLastState;
 }

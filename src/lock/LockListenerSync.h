@@ -5,6 +5,7 @@
 #include <fieldwarden/LockInterfaceListener.h>
 #include <velmor/kepla/log/Logger.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -40,7 +41,7 @@ private:
     template <typename Call>
     void forward(char const* aOperation, Call aCall);
 
-    mutable std::mutex mMutex;
+    std::mutex mMutex;
     LockInterfaceListener* mListener = nullptr;
-    int mLastState = 0;
+    std::atomic<int> mLastState{0}; ///< Read without the mutex, so that a listener may ask, too.
 };
