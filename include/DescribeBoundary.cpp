@@ -2,6 +2,7 @@
 // Puts the description of every boundary class into the debug information of the shared library, where the
 // ABI test reads it. The compiler describes an abstract class only where it is implemented, and some are
 // implemented by the daemon alone.
+#include <fieldwarden/LockDiagnosticsInterface.h>
 #include <fieldwarden/LockInterface.h>
 #include <fieldwarden/LockInterfaceListener.h>
 #include <fieldwarden/SampleRotationInterface.h>
@@ -13,7 +14,8 @@
 namespace libfieldwarden {
 
 /// Never called: its parameters are what matters.
-[[gnu::used, gnu::visibility("hidden")]] void describeBoundary(LockInterface const&,
+[[gnu::used, gnu::visibility("hidden")]] void describeBoundary(LockDiagnosticsInterface const&,
+                                                               LockInterface const&,
                                                                LockInterfaceListener const&,
                                                                SampleRotationInterface const&,
                                                                ShimInterface const&,

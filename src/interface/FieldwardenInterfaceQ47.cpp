@@ -2,8 +2,12 @@
 // How the instrument is put together, in the order that its parts need, and what its getters answer.
 #include "interface/FieldwardenInterfaceQ47.h"
 
+#include "interface/NoTemperature.h"
 #include "interface/SampleRotationQ47.h"
 #include "lock/LockMock.h"
+#include "lock/LockParameters.h"
+#include "lock/LockQ47.h"
+#include "lock/hardware/LockQ47Hardware.h"
 #include "shim/ShimHardwareQ47.h"
 
 #include <fieldwarden/LockForTemperatureIfc.h>
@@ -23,6 +27,7 @@
 
 using velmor::kepla::canopen::CanOpenMaster;
 using velmor::kepla::datalogger::DataLoggerFactory;
+using velmor::kepla::datalogger::DataLoggerInterface;
 using velmor::kepla::deviceid::DeviceIdServiceFactory;
 using velmor::kepla::log::LoggerImpl;
 using velmor::kepla::log::Severity;
@@ -30,6 +35,7 @@ using velmor::kepla::utils::ExecutionStrategy;
 using velmor::kepla::utils::PeriodicCallerManager;
 using velmor::kepla::utils::readWholeFile;
 using velmor::q47::mainboarddaemon::MainboardClientFactory;
+using velmor::q47::mainboarddaemon::MainboardInterface;
 
 namespace {
 
@@ -77,7 +83,7 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
     keplaDoLog(Severity::Info, "initializing temperature...", {});
 
     keplaDoLog(Severity::Info, "initializing lock...", {});
-    initializeLock();
+    initializeLock(mainboard, channelCreator);
 
     keplaDoLog(Severity::Info, "initializing sample rotation...", {});
     mSampleRotation = std::make_unique<SampleRotationQ47>();
@@ -95,7 +101,8 @@ FieldwardenInterfaceQ47::~FieldwardenInterfaceQ47() {
     keplaDoLog(Severity::Debug, "FieldwardenInterfaceQ47 destructor", {});
 }
 
-void FieldwardenInterfaceQ47::initializeLock() {
+void FieldwardenInterfaceQ47::initializeLock(std::shared_ptr<MainboardInterface> const& aMainboard,
+                                             std::shared_ptr<DataLoggerInterface> const& aChannelCreator) {
     // Whatever stands there counts, a plain file too.
     std::error_code unreadable;
     if (std::filesystem::exists(mLockMockDirectory, unreadable)) {
@@ -104,7 +111,16 @@ void FieldwardenInterfaceQ47::initializeLock() {
                    "Directory '%s' exists and thus will create a MOCK version of the lock", {},
                    mLockMockDirectory.string());
         mLock = std::make_shared<LockMock>(mLockMockDirectory, mPeriodicCallerManager);
+        return;
     }
+    auto const parameters = std::make_shared<LockParameters>(mTsConfigRoot + "/lock.config");
+    parameters->reload();
+    auto const hardware = std::make_shared<LockQ47Hardware>(aMainboard);
+    auto const temperature = std::make_shared<libfieldwarden::NoTemperature>();
+    auto const lock = std::make_shared<LockQ47>(hardware, parameters, temperature, temperature, mShim,
+                                                aChannelCreator, mPeriodicCallerManager, true);
+    mLock = lock;
+    mLockForTemperature = lock;
 }
 
 ShimInterface* FieldwardenInterfaceQ47::getShim() {

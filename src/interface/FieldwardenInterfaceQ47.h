@@ -16,11 +16,17 @@ class ShimHardwareQ47;
 namespace velmor::kepla::canopen {
 class CanOpenMaster;
 }
+namespace velmor::kepla::datalogger {
+class DataLoggerInterface;
+}
 namespace velmor::kepla::deviceid {
 class DeviceIdServiceFactory;
 }
 namespace velmor::kepla::utils {
 class PeriodicCallerManager;
+}
+namespace velmor::q47::mainboarddaemon {
+class MainboardInterface;
 }
 
 /// The one concrete FieldwardenInterface. Everything runs from the end of the constructor to the destructor,
@@ -68,7 +74,9 @@ public:
     void createLog(std::string const& aPath, int aType, int aId);
 
 private:
-    void initializeLock();
+    void initializeLock(
+        std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> const& aMainboard,
+        std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> const& aChannelCreator);
 
     std::string mCanIfc;
     std::string mConfigRoot;
