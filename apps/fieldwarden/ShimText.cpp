@@ -2,6 +2,7 @@
 // Parsing and writing of gradients and currents.
 #include "apps/fieldwarden/ShimText.h"
 
+#include "apps/fieldwarden/WholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <algorithm>
@@ -70,30 +71,6 @@ std::string textOf(std::filesystem::path const& aPath) {
         throw std::runtime_error("'" + aPath.string() + "' is no shim file: it is not text");
     }
     return text;
-}
-
-void writeText(std::filesystem::path const& aPath, std::string const& aText) {
-    errno = 0;
-    std::ofstream file(aPath, std::ios::binary);
-    file << aText;
-    file.close();
-    if (!file) {
-        throw std::runtime_error("Cannot write the shim file '" + aPath.string() + "'" + reason());
-    }
-}
-
-/// Writes a file that is to stand there whole or not at all.
-void replaceFile(std::filesystem::path const& aPath, std::string const& aText) {
-    auto const target = std::filesystem::weakly_canonical(aPath); // A link stays one: its file is replaced.
-    auto const temporary = std::filesystem::path(target).concat(".new");
-    try {
-        writeText(temporary, aText);
-        std::filesystem::rename(temporary, target);
-    } catch (std::exception const&) {
-        std::error_code notThere;
-        std::filesystem::remove(temporary, notThere);
-        throw;
-    }
 }
 
 } // namespace
@@ -170,12 +147,7 @@ void writeShimFile(std::filesystem::path const& aPath, std::vector<Gradient> con
     for (auto const& [name, value] : aGradients) {
         text += fmt::format("{} {}\n", name, value);
     }
-    auto const there = std::filesystem::status(aPath);
-    if (std::filesystem::exists(there) && !std::filesystem::is_regular_file(there)) {
-        writeText(aPath, text);
-    } else {
-        replaceFile(aPath, text);
-    }
+    writeWholeFile(aPath, text, "shim file");
 }
 
 } // namespace libfieldwarden::app

@@ -4,6 +4,7 @@
 #include "apps/fieldwarden/HelpText.h"
 #include "apps/fieldwarden/LogCommand.h"
 #include "apps/fieldwarden/Output.h"
+#include "apps/fieldwarden/PlotCommand.h"
 #include "apps/fieldwarden/RunCommand.h"
 #include "apps/fieldwarden/ShimCommand.h"
 #include "apps/fieldwarden/WrongUsage.h"
@@ -39,6 +40,7 @@ public:
         addRun();
         addShim();
         addLog();
+        addPlot();
     }
 
     int run(int aCount, char** aArguments) {
@@ -265,6 +267,30 @@ private:
         command.add_flag("--csv", show->csv, "As CSV with a header line")
             ->excludes(command.get_option("--json"))
             ->excludes(command.get_option("--quiet"));
+    }
+
+    void addPlot() {
+        CLI::App& command = add(mProgram, "plot", "Draw a dump of the lock's signal",
+                                "plot FILE [--out FILE] [--fid|--fft] [--json|-q]");
+        auto const options = std::make_shared<PlotOptions>();
+        command
+            .add_option("FILE", options->dump, "The dump, an HDF5 file with the datasets '/Real' and '/Imag'")
+            ->required()
+            ->type_name("FILE");
+        command
+            .add_option("--out", options->picture,
+                        "The picture, ending in .png or .svg (default: beside the dump, as PNG)")
+            ->type_name("FILE");
+        auto* const fid = command.add_flag_callback(
+            "--fid", [options] { options->kind = LockSignalKind::Fid; },
+            "Points in time (default when the name begins with lock_fid_)");
+        command
+            .add_flag_callback(
+                "--fft", [options] { options->kind = LockSignalKind::Fft; },
+                "Points in frequency (default when the name begins with lock_fft_)")
+            ->excludes(fid);
+        addFormOptions(command, options->form);
+        does(command, [options] { return plotCommand(*options); });
     }
 
     /// What to say when a word is no subcommand: the parser itself would only ask for one.

@@ -10,7 +10,7 @@ _fieldwarden_command() {
             continue
         fi
         case $word in
-            --lock | --time-scale | --data | --system | --for | --since) is_value=yes ;;
+            --lock | --time-scale | --data | --system | --for | --since | --out) is_value=yes ;;
             -*) ;;
             *)
                 case $command in
@@ -30,10 +30,11 @@ _fieldwarden() {
         --lock) words='mock real' ;;
         --system) words='8 9 10 11' ;;
         --data) paths=-d ;;
+        --out) paths=-f ;;
         --time-scale | --for | --since) ;;
         *)
             case $(_fieldwarden_command "${COMP_WORDS[@]:1:COMP_CWORD-1}") in
-                '') words='run shim log --help --version' ;;
+                '') words='run shim log plot --help --version' ;;
                 run) words="$session --system --for --json" ;;
                 shim) words='list get set current load save relations system --help' ;;
                 'shim system') words="8 9 10 11 $session $form" ;;
@@ -42,6 +43,7 @@ _fieldwarden() {
                 log) words='list show --help' ;;
                 'log list') words="--all --simulate --data --help $form" ;;
                 'log show') words="--since --csv --simulate --data --help $form" ;;
+                plot) words="--out --fid --fft --help $form" paths=-f ;;
             esac
             # Options are offered to those who begin one, where something else may stand too.
             [[ $paths && $current != -* ]] && words=''

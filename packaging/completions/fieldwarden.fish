@@ -11,7 +11,7 @@ function __fieldwarden_is
             continue
         end
         switch $word
-            case --lock --time-scale --data --system --for --since
+            case --lock --time-scale --data --system --for --since --out
                 set is_value yes
             case '-*'
             case '*'
@@ -29,6 +29,7 @@ complete -c fieldwarden -n __fieldwarden_is -l version -d 'Print the version'
 complete -c fieldwarden -n __fieldwarden_is -a run -d 'Open the library and print what it says'
 complete -c fieldwarden -n __fieldwarden_is -a shim -d 'Gradients and currents of the shim coils'
 complete -c fieldwarden -n __fieldwarden_is -a log -d 'What the data logger has kept'
+complete -c fieldwarden -n __fieldwarden_is -a plot -d 'Draw a dump of the lock signal'
 
 complete -c fieldwarden -n '__fieldwarden_is shim' -a list -d 'All gradients that the shim system has'
 complete -c fieldwarden -n '__fieldwarden_is shim' -a get -d 'Gradients by name'
@@ -50,6 +51,13 @@ complete -c fieldwarden -n '__fieldwarden_is log' -a show -d 'The samples of a c
 complete -c fieldwarden -n '__fieldwarden_is log list' -l all -d 'Also the channels for service'
 complete -c fieldwarden -n '__fieldwarden_is log show' -l since -x -d 'From then on'
 complete -c fieldwarden -n '__fieldwarden_is log show' -l csv -d 'As CSV with a header line'
+
+complete -c fieldwarden -n '__fieldwarden_is plot' -F
+complete -c fieldwarden -n '__fieldwarden_is plot' -l out -r -F -d 'The picture'
+complete -c fieldwarden -n '__fieldwarden_is plot' -l fid -d 'Points in time'
+complete -c fieldwarden -n '__fieldwarden_is plot' -l fft -d 'Points in frequency'
+complete -c fieldwarden -n '__fieldwarden_is plot' -l json -d 'As JSON, for programs'
+complete -c fieldwarden -n '__fieldwarden_is plot' -l quiet -s q -d 'The bare values'
 
 for command in run 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' 'shim save' 'shim relations' \
     'shim system'

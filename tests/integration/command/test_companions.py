@@ -17,7 +17,7 @@ from commandline import run
 
 PACKAGING = None
 SHIM = ('list', 'get', 'set', 'current', 'load', 'save', 'relations', 'system')
-COMMANDS = [['run'], *(['shim', name] for name in SHIM), ['log', 'list'], ['log', 'show']]
+COMMANDS = [['run'], *(['shim', name] for name in SHIM), ['log', 'list'], ['log', 'show'], ['plot']]
 
 
 def options_of(*command):
@@ -31,7 +31,7 @@ class ManPages(unittest.TestCase):
     def pages(self):
         pages = sorted((PACKAGING / 'man').glob('*.1'), key=lambda page: page.stem)
         self.assertEqual([page.stem for page in pages],
-                         ['fieldwarden', 'fieldwarden-log', 'fieldwarden-run', 'fieldwarden-shim'])
+                         ['fieldwarden', 'fieldwarden-log', 'fieldwarden-plot', 'fieldwarden-run', 'fieldwarden-shim'])
         return pages
 
     def test_they_tell_of_every_option(self):
@@ -60,7 +60,7 @@ class Completions:
     """What holds for every shell."""
 
     def test_subcommands(self):
-        self.assertEqual(self.offered('fieldwarden', ''), {'run', 'shim', 'log'})
+        self.assertEqual(self.offered('fieldwarden', ''), {'run', 'shim', 'log', 'plot'})
         self.assertEqual(self.offered('fieldwarden', 'shim', ''), set(SHIM))
         self.assertEqual(self.offered('fieldwarden', 'shim', 's'), {'set', 'save', 'system'})
         self.assertEqual(self.offered('fieldwarden', 'log', ''), {'list', 'show'})
@@ -84,6 +84,8 @@ class Completions:
         (self.folder / 'sub').mkdir()
         self.assertEqual(self.offered('fieldwarden', 'shim', 'load', 's'), {'shims.txt', 'sub'})
         self.assertEqual(self.offered('fieldwarden', 'run', '--data', 's'), {'sub'})
+        self.assertEqual(self.offered('fieldwarden', 'plot', 's'), {'shims.txt', 'sub'})
+        self.assertEqual(self.offered('fieldwarden', 'plot', 'a.h5', '--out', 'sh'), {'shims.txt'})
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
