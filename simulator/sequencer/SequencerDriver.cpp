@@ -44,7 +44,7 @@ public:
         mSeen = mDriver->mSequencer.interrupts();
         std::string const text = std::to_string(*mSeen) + "\n";
         std::size_t const bytes = std::min(aSize, text.size());
-        std::memcpy(aBuffer, text.data(), bytes);
+        std::copy_n(text.begin(), bytes, aBuffer);
         return static_cast<ssize_t>(bytes);
     }
 

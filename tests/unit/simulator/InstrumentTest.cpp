@@ -76,9 +76,9 @@ TEST_F(SimulatedInstrumentTest, LetsTheMagnetFeelWhatTheBoardsDrive) {
     auto const before = instrument.magnet()->lockLine(instrument.clock()->now(), 0);
     // All currents of a board are set at once, little endian, in uA. Source 7 of board 2 is that of Z0: -100
     // mA.
-    std::vector<std::uint8_t> currents(17 * 4);
+    std::vector<std::uint8_t> currents(std::size_t{17} * 4);
     std::int32_t const current = -100'000;
-    std::memcpy(&currents[6 * 4], &current, sizeof current);
+    std::memcpy(&currents[std::size_t{6} * 4], &current, sizeof current);
     ASSERT_EQ(instrument.shimBoard(2)->write({0x3001, 1}, currents), 0U);
     instrument.clock()->sleepFor(std::chrono::milliseconds(10)); // Twenty time constants of a source.
     auto const after = instrument.magnet()->lockLine(instrument.clock()->now(), 0);

@@ -14,7 +14,7 @@ using libfieldwarden::sim::PidRegulator;
 
 /// As the start of the lock writes them.
 constexpr PidRegulator::Settings kStarted{.i = -417, .outputShift = 30, .inputShift = 7};
-constexpr std::int64_t kBin = 18'000 * 128; ///< A bin at a slope of 18,000 counts.
+constexpr std::int64_t kBin = std::int64_t{18'000} * 128; ///< A bin at a slope of 18,000 counts.
 
 std::int32_t step(PidRegulator& aRegulator, std::int64_t aInput, PidRegulator::Settings const& aSettings) {
     return aRegulator.step(aInput, 0, aSettings).value;
@@ -87,21 +87,21 @@ TEST(PidRegulator, StopsAtTheEndsOfTheConverterWithoutWindingUp) {
     PidRegulator regulator;
     PidRegulator::Settings settings{
         .i = 131'072, .outputOffset = 8'388'000, .outputShift = 30, .inputShift = 7};
-    auto output = regulator.step(128 * 500, 0, settings);
+    auto output = regulator.step(64'000, 0, settings);
     EXPECT_EQ(output.value, 8'388'500);
     EXPECT_FALSE(output.overflow);
     for (int i = 0; i < 1000; ++i) {
-        output = regulator.step(128 * 500, 0, settings);
+        output = regulator.step(64'000, 0, settings);
     }
     EXPECT_EQ(output.value, 8'388'607);
     EXPECT_TRUE(output.overflow);
     // It comes back at once.
-    output = regulator.step(-128 * 500, 0, settings);
+    output = regulator.step(-64'000, 0, settings);
     EXPECT_EQ(output.value, 8'388'107);
     EXPECT_FALSE(output.overflow);
     settings.outputOffset = -8'388'600;
     regulator.clear();
-    EXPECT_EQ(step(regulator, -128 * 500, settings), -8'388'608);
+    EXPECT_EQ(step(regulator, -64'000, settings), -8'388'608);
 }
 
 TEST(PidRegulator, BearsTheGreatestNumbersOfItsRegisters) {
