@@ -10,7 +10,9 @@
 #include <fieldwarden/LockForTemperatureIfc.h>
 #include <velmor/kepla/mds/Mds.h>
 
+#include <cstdint>
 #include <exception>
+#include <limits>
 #include <stdexcept>
 
 using velmor::kepla::datalogger::DataLoggerInterface;
@@ -77,6 +79,10 @@ VTMode ATController::vtModeFromATMDS(Mds const& aMds) const {
     int identifier = 0;
     try {
         identifier = groups.front().asInt(kIdentifier);
+        // The board knows the mode as a byte; another number must not become one of its modes.
+        if (identifier < -1 || identifier >= std::numeric_limits<std::uint8_t>::max()) {
+            throw std::out_of_range("no mode of the board");
+        }
     } catch (std::exception const&) {
         keplaDoLog(Severity::Info,
                    "The VTU MDS advertises an invalid flow controller identifier (%d): will consider the "
@@ -84,7 +90,7 @@ VTMode ATController::vtModeFromATMDS(Mds const& aMds) const {
                    {}, identifier);
         return VTMode::None;
     }
-    auto const mode = static_cast<VTMode>(static_cast<unsigned>(identifier) + 1U);
+    auto const mode = static_cast<VTMode>(identifier + 1);
     keplaDoLog(Severity::Info, "Got VTMode = %d from VTU MDS with FlowController group.", {},
                static_cast<int>(mode));
     return mode;
