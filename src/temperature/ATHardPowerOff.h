@@ -13,6 +13,7 @@ namespace libfieldwarden::temperature {
 /// @param aBoard  The temperature board of a system with the AT option; not null.
 /// @throws std::runtime_error  without AT option, or when the board does not answer.
 /// Thread: any; blocks for five transfers to the board.
-void ATHardPowerOff(std::shared_ptr<TempBoardQ47Ifc> const& aBoard);
+void ATHardPowerOff( // NOLINT(readability-identifier-naming): its name begins with that of the option
+    std::shared_ptr<TempBoardQ47Ifc> const& aBoard);
 
 } // namespace libfieldwarden::temperature

@@ -42,7 +42,7 @@ public:
     void set(std::string const& aCall, Value aValue) {
         checkName(aCall);
         std::lock_guard const lock(mMutex);
-        if constexpr (std::is_same_v<Value, bool>) {
+        if constexpr (std::is_same_v<Value, bool> || std::is_same_v<Value, Range>) {
             mValues[aCall] = aValue;
         } else if constexpr (std::is_enum_v<Value>) {
             mValues[aCall] = static_cast<std::int64_t>(static_cast<std::underlying_type_t<Value>>(aValue));
@@ -50,8 +50,6 @@ public:
             mValues[aCall] = static_cast<std::int64_t>(aValue);
         } else if constexpr (std::is_floating_point_v<Value>) {
             mValues[aCall] = static_cast<double>(aValue);
-        } else if constexpr (std::is_same_v<Value, Range>) {
-            mValues[aCall] = aValue;
         } else {
             mValues[aCall] = std::string(aValue);
         }

@@ -2,7 +2,6 @@
 // What happens to the temperature board around an update of its firmware.
 #include "TempBoardFixture.h"
 
-#include "support/Eventually.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestNode.h"
 
@@ -15,13 +14,11 @@
 #include <cstdint>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
-using libfieldwarden::test::eventually;
 using libfieldwarden::test::expectThrow;
 using libfieldwarden::test::HandClockScope;
 using libfieldwarden::test::line;

@@ -9,6 +9,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -592,6 +593,27 @@ TEST_F(TempBoardQ47Test, DoesNotNoticeAFlowThatChangedBehindItsBack) {
     EXPECT_EQ(mBoard->probeGasFlow(), 0); // always read, never kept
     mBoard->setProbeGasFlow(3);
     EXPECT_THAT(calls(), ElementsAre("writeUInt8 3303:03 3", "readUInt8 3303:03"));
+}
+
+TEST_F(TempBoardQ47Test, ServesManyThreads) {
+    mNode->set(0x3001, 1, 30000);
+    mNode->set(0x3301, 1, 36850);
+    mNode->set(0x3401, 5, 1);
+    std::vector<std::thread> threads;
+    for (unsigned char thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([this, thread] {
+            for (int step = 0; step < 50; ++step) {
+                EXPECT_DOUBLE_EQ(mBoard->magnetTemperature(), 303.15);
+                EXPECT_DOUBLE_EQ(mBoard->probeTemperature(), 310.0);
+                mBoard->setProbeGasFlow(thread);
+                mBoard->setVTMode(thread % 2 == 0 ? VTMode::Prototype : VTMode::PortExpander);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(mBoard->hasAT());
 }
 
 } // namespace
