@@ -57,7 +57,9 @@ LockFSM::LockFSM(std::shared_ptr<LockWorkflows> aWorkflows,
           aParameters,
           std::move(aListener),
           [aWorkflows] { aWorkflows->requestEnd(); },
-          aStartNow) {}
+          aStartNow) {
+    mWorkflows = std::move(aWorkflows);
+}
 
 LockFSM::LockFSM(std::shared_ptr<StartAndStopIfc> aWorkflows,
                  std::shared_ptr<StartAndStopIfc> aStreams,
