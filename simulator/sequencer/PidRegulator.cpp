@@ -66,7 +66,8 @@ PidRegulator::Output PidRegulator::step(std::int64_t aInput,
     std::int64_t const wanted = sum(signed24(aSettings.outputOffset), shifted(total, left));
     std::int64_t const value = std::clamp<std::int64_t>(wanted, kLeastOutput, kGreatestOutput);
     if (value != wanted) {
-        mIntegral = sum(mIntegral, shifted(sum(value, -wanted), -left));
+        // Both have the same sign, so the difference fits.
+        mIntegral = sum(mIntegral, shifted(value - wanted, -left));
     }
     return {.value = static_cast<std::int32_t>(value), .overflow = value != wanted, .error = deviation};
 }
