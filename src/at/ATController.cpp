@@ -160,6 +160,7 @@ void ATController::setProbeTemperatureMax(double aKelvin) {
 
 // -------------------------------------------------------------------------------------------- gas, exchange
 
+// NOLINTNEXTLINE(readability-make-member-function-const): sets the flow where there is gas
 void ATController::setFlowOverrideByUser(double /*aLiterPerHour*/) {
     checkHasAT("setFlowOverrideByUser");
 }

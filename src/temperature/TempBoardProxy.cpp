@@ -8,6 +8,7 @@
 #include <velmor/kepla/utils/PeriodicCallerManagerIfc.h>
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <span>
 #include <stdexcept>
@@ -54,7 +55,7 @@ constexpr Member kIsoBoxNames[]{
     {"5_VT_mix_gas_exhaust", "SubIndex 5 PT100 at CH11/ST11 - VT mix gas at exhaust"},
 };
 
-enum class Statistics { Shared, None };
+enum class Statistics : std::uint8_t { Shared, None };
 
 /// A part of a path or a description with "{n}" replaced by a member's number from 1 on, "{name}" by its name
 /// and "{text}" by its text.

@@ -13,7 +13,6 @@
 #include <velmor/kepla/utils/PeriodicCallerManagerIfc.h>
 #include <velmor/units/Units.h>
 
-#include <chrono>
 #include <cmath>
 #include <exception>
 #include <stdexcept>
@@ -38,7 +37,6 @@ namespace {
 
 constexpr std::size_t kMagnetSensors = 6;
 constexpr double kStabilityPeriodSeconds = 10.0;
-constexpr std::chrono::seconds kStatisticsPeriod{600};
 /// From which on a new temperature has its line in the log, in K.
 constexpr double kWorthALine = 0.001;
 /// From which on the listener hears of temperatures of magnet and shim coils, in K, and of all else.
@@ -150,10 +148,8 @@ void TemperatureHardwareQ47::saveSetupIfNeeded() {
 }
 
 void TemperatureHardwareQ47::initializeDataLogger(DataLoggerInterface& aDataLogger) {
-    DataLoggerStats const stats(DataLoggerStorageType::LongTerm, kStatisticsPeriod);
     auto const create = [&](std::vector<std::string> aPath, DataLoggerUnit aUnit, std::string aDescription) {
-        bool const isFlag = aUnit == DataLoggerUnit::Boolean;
-        return aDataLogger.createChannel({std::move(aPath), aUnit, isFlag ? DataLoggerStats::none() : stats,
+        return aDataLogger.createChannel({std::move(aPath), aUnit, DataLoggerStats::none(),
                                           DataLoggerStorageType::ShortTerm, std::move(aDescription)});
     };
     mMagnetStableChannel =

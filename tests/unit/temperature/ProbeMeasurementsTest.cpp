@@ -80,10 +80,13 @@ TEST(ProbeMeasurements, AreOneSensorWithoutDeclarationOrIndentation) {
 }
 
 TEST(ProbeMeasurements, ShowSixDecimalsWhateverTheHostsLocale) {
-    std::string const before = std::setlocale(LC_NUMERIC, nullptr);
-    std::setlocale(LC_NUMERIC, "de_DE.UTF-8"); // where it is installed, a comma
+    locale_t const comma = newlocale(LC_NUMERIC_MASK, "de_DE.UTF-8", nullptr); // where it is installed
+    locale_t const before = comma != nullptr ? uselocale(comma) : nullptr;
     EXPECT_NE(probeMeasurementsAsXml(310.0000004).find("temperature=\"310.000000\""), std::string::npos);
-    std::setlocale(LC_NUMERIC, before.c_str());
+    if (comma != nullptr) {
+        uselocale(before);
+        freelocale(comma);
+    }
 }
 
 TEST(ProbeMeasurements, StandWhateverTheTemperatureIs) {

@@ -35,7 +35,6 @@ using ::testing::IsEmpty;
 using velmor::kepla::datalogger::DataLoggerChannelInfo;
 using velmor::kepla::datalogger::DataLoggerStats;
 using velmor::kepla::datalogger::DataLoggerStorageType;
-using velmor::kepla::datalogger::DataLoggerUnit;
 
 /// A listener that keeps what it hears of the board.
 class Hearer : public TemperatureListenerInterface {

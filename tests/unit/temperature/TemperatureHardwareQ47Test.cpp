@@ -187,6 +187,7 @@ TEST_F(TemperatureHardwareQ47Test, MakesItsChannelsInTheirOrder) {
         EXPECT_EQ(infos[45 + row].description, golden[row].description);
         EXPECT_EQ(infos[45 + row].unit, golden[row].unit) << golden[row].path;
         EXPECT_EQ(infos[45 + row].resolution, 0.001) << golden[row].path;
+        EXPECT_TRUE(infos[45 + row].stats.isNone()) << golden[row].path;
     }
 }
 
@@ -213,7 +214,7 @@ TEST_F(TemperatureHardwareQ47Test, LeavesTheModeAloneForMoreThanOneGroup) {
     std::string const record =
         "<record><group name=\"IsoBoxTempering\"/><group name=\"IsoBoxTempering\"/>"
         "<group name=\"IsoBoxTempering\"/></record>";
-    mDeviceId->answer = [&] { return record; };
+    mDeviceId->answer = [&] { return std::string(record); };
     service();
     EXPECT_TRUE(mLog.has(Severity::Error,
                          "configureIsoBoxPeltier: 3 IsoBoxTempering groups found, when max 1 "
