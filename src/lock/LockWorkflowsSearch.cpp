@@ -9,6 +9,7 @@
 
 #include <fieldwarden/ShimForLockIfc.h>
 #include <velmor/kepla/utils/PIDController.h>
+#include <velmor/kepla/utils/SaturatedToInt32.h>
 
 #include <array>
 #include <chrono>
@@ -22,6 +23,7 @@
 
 using velmor::kepla::log::Severity;
 using velmor::kepla::utils::PIDController;
+using velmor::kepla::utils::saturatedToInt32;
 
 namespace {
 
@@ -54,7 +56,7 @@ std::int16_t absoluteIn16Bits(std::int16_t aValue) {
 
 /// How many frequencies a walk tries: two for each offset below the limit.
 unsigned int candidates(double aLimit, double aStep) {
-    return aLimit > 0.0 ? 2U * static_cast<unsigned int>(std::ceil(aLimit / aStep)) : 0U;
+    return aLimit > 0.0 ? 2U * static_cast<unsigned int>(saturatedToInt32(std::ceil(aLimit / aStep))) : 0U;
 }
 
 /// How near to 0 Hz the software regulator has to bring the FID. The demand loosens after a while.
