@@ -173,7 +173,8 @@ double LockWorkflows::searchField() {
     double const limit = searchHalfWidth19F() - kSearchStepHz;
     mHelper->setLockDACToZero();
     unsigned int done = 0;
-    for (double offset = 0.0; limit > offset; offset += kSearchStepHz) {
+    for (unsigned int step = 0; limit > step * kSearchStepHz; ++step) {
+        double const offset = step * kSearchStepHz;
         keplaDoLog(Severity::Debug, "searchField: offset is %f Hz", {}, offset);
         for (double const candidate : {center + offset, center - offset}) { // at 0 twice, as intended
             tell("Searching the field", done++, candidates(limit, kSearchStepHz));
@@ -307,7 +308,8 @@ std::vector<LockFieldScanPoint> LockWorkflows::scanField() {
 std::vector<LockFieldScanPoint> LockWorkflows::findScanPoints(double aCenter19F, double aLimit) {
     std::vector<LockFieldScanPoint> points;
     unsigned int done = 0;
-    for (double offset = 0.0; aLimit > offset; offset += kScanStepHz) {
+    for (unsigned int step = 0; aLimit > step * kScanStepHz; ++step) {
+        double const offset = step * kScanStepHz;
         for (double const candidate : {aCenter19F + offset, aCenter19F - offset}) {
             tell("Scanning the field", done++, candidates(aLimit, kScanStepHz));
             keplaDoLog(Severity::Info, "scanField: testing %f Hz", {}, candidate);

@@ -10,6 +10,7 @@
 #include "support/TemporaryDirectory.h"
 
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
