@@ -181,8 +181,8 @@ std::unique_ptr<LockDumpBase::Packet> LockDumpBase::triggerAndRead() {
 
 ComplextInt32Vector LockDumpBase::decode(Packet const& aPacket) const {
     std::size_t const points = aPacket.size() / kPointSize;
-    ComplextInt32Vector const data{.real = std::make_shared<std::vector<int>>(points),
-                                   .imag = std::make_shared<std::vector<int>>(points)};
+    ComplextInt32Vector data{.real = std::make_shared<std::vector<int>>(points),
+                             .imag = std::make_shared<std::vector<int>>(points)};
     keplaDoLog(Severity::Trace, "Got a packet of %u bytes", {}, aPacket.size());
     int* const real = data.real->data();
     int* const imag = data.imag->data();

@@ -260,7 +260,8 @@ void LockStreamPacketReader::flushPending() {
 /// @return What the last read gave.
 ssize_t LockStreamPacketReader::discardToPacketEnd(Clock::TimePoint aBegin) {
     std::array<unsigned char, 4096> buffer; // NOLINT: filled by the device, looked at by nobody
-    ssize_t last = mDevice->read(buffer.data(), buffer.size());
+    static_cast<void>(mDevice->read(buffer.data(), buffer.size()));
+    ssize_t last = 0;
     do {
         last = mDevice->read(buffer.data(), buffer.size());
     } while (last > 0 && !mStop && !ranOut(aBegin, kLimit));
