@@ -47,8 +47,7 @@ std::uint32_t LockHardwareHelper::intToDAC(int aValue) {
     return Bits::two_complement(aValue, kDacBits) | kDacWrite;
 }
 
-// ------------------------------------------------------------------------------------------------- idle
-// state
+// --- idle state
 
 void LockHardwareHelper::reset() {
     keplaDoLog(Severity::Debug, "+reset", {});
@@ -149,7 +148,7 @@ void LockHardwareHelper::maskClearCheckIRQs() {
     }
 }
 
-// ------------------------------------------------------------------------------------------------- the FID
+// --- the FID
 
 bool LockHardwareHelper::hasFID() const {
     std::uint8_t const cicShift = mHardware->fidShift()->get();
@@ -208,7 +207,7 @@ void LockHardwareHelper::waitForFID(std::string const& aContext) const {
     }
 }
 
-// ------------------------------------------------------------------------------------------------- checks
+// --- checks
 
 bool LockHardwareHelper::checkReadyToWork(std::ostream& aStream) {
     bool ready = true;

@@ -107,7 +107,9 @@ void LockQ47Hardware::setTx(double aFreqHz, unsigned int aMVpp) {
     auto const freqWord =
         static_cast<std::uint32_t>(std::llround(aFreqHz / kSynthesiserHz * kSynthesiserSteps));
     keplaDoLog(Severity::Debug, "~setTx: freqWord = 0x%08X", {}, freqWord);
-    auto const ampWord = static_cast<std::uint32_t>(aMVpp / kMillivoltsPerVolt * kAmplitudeStepsPerVolt);
+    // By way of 64 bits, since no amplitude may leave the range of the cast.
+    auto const ampWord = static_cast<std::uint32_t>(
+        static_cast<std::uint64_t>(aMVpp / kMillivoltsPerVolt * kAmplitudeStepsPerVolt));
     keplaDoLog(Severity::Debug, "~setTx: ampWord = 0x%08X", {}, ampWord);
     mMainboard->setTxEnable(kLockChannel, true);
     mMainboard->setTxAmplitudeWord(ampWord);

@@ -96,7 +96,7 @@ void parse(std::string const& aText, std::int32_t& aValue) {
 
 } // namespace
 
-// ------------------------------------------------------------------------------------------------- read only
+// --- read only
 
 template <typename T>
 LockQ47HardwareRegisterReadOnly<T>::LockQ47HardwareRegisterReadOnly(std::string aName,
@@ -129,8 +129,7 @@ T LockQ47HardwareRegisterReadOnly<T>::fromString(std::string const& aText) const
     return value;
 }
 
-// ------------------------------------------------------------------------------------------------- read and
-// write
+// --- read and write
 
 template <typename T>
 LockQ47HardwareRegister<T>::LockQ47HardwareRegister(std::string aName, std::string aPath, Driver aDriver)
@@ -156,7 +155,7 @@ std::string LockQ47HardwareRegister<T>::toString(T aValue) const {
     return text.data();
 }
 
-// ------------------------------------------------------------------------------------------------- clearable
+// --- clearable
 
 template <typename T>
 LockQ47HardwareRegisterClearable<T>::LockQ47HardwareRegisterClearable(std::string aName,
@@ -175,7 +174,7 @@ T LockQ47HardwareRegisterClearable<T>::value4clear() const {
     }
 }
 
-// ------------------------------------------------------------------------------------------------- 64 bits
+// --- 64 bits
 
 LockQ47HardwareRegisterReadOnly<long long>::LockQ47HardwareRegisterReadOnly(std::string const& aName,
                                                                             std::string const& aPathHigh,

@@ -13,7 +13,7 @@ class PosixSeqlockDriver final : public SeqlockDriver {
 public:
     /// @param aRoot  Put ahead of every path: "/" on the instrument, another folder where the same layout is
     /// laid out in plain files.
-    explicit PosixSeqlockDriver(std::filesystem::path aRoot = "/");
+    explicit PosixSeqlockDriver(std::filesystem::path const& aRoot = "/");
 
     bool canRead(std::string const& aPath) override;
     bool canWrite(std::string const& aPath) override;
@@ -24,9 +24,9 @@ public:
     std::unique_ptr<StreamDevice> openStream(std::string const& aPath) override;
 
 private:
-    std::string located(std::string const& aPath) const;
+    class Located;
 
-    std::filesystem::path mRoot;
+    std::string mPrefix; ///< The root without a slash at its end; empty on the instrument.
 };
 
 } // namespace velmor::q47::seqlock
