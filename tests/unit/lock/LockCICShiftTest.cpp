@@ -115,7 +115,7 @@ TEST_F(LockCICShiftTest, GoesDownWhileItOverflows) {
 }
 
 TEST_F(LockCICShiftTest, NeverTriesZero) {
-    mRegisters.statusFidOverflow->script([] { return true; });
+    mRegisters.statusFidOverflow->compute([] { return true; });
     expectThrow<std::out_of_range>([&] { mShift.setUp(); },
                                    "Lock FID overflow even with lowest possible CIC shift");
     EXPECT_THAT(writtenShifts(), ElementsAre("6", "5", "4", "3", "2", "1"));

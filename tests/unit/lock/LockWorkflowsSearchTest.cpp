@@ -90,7 +90,7 @@ TEST_F(LockSearchTest, GivesTheSynthesiserASecondChance) {
 }
 
 TEST_F(LockSearchTest, TellsASynthesiserThatStaysUnlocked) {
-    mRegisters.statusPllDdsUnlocked->script([] { return true; });
+    mRegisters.statusPllDdsUnlocked->compute([] { return true; });
     EXPECT_FALSE(mWorkflows.setLockFrequency(75000000.0));
     EXPECT_EQ(lines().back(), line(Severity::Error,
                                    "Failed to set the lock frequency to 75000000.000000 Hz, "
@@ -141,7 +141,7 @@ TEST_F(LockSearchTest, StopsAtTheFieldThatHasTheFID) {
 
 TEST_F(LockSearchTest, TakesAnOverflowForAnFIDAndDumpsNothing) {
     silence();
-    mRegisters.statusFidOverflow->script([] { return true; });
+    mRegisters.statusFidOverflow->compute([] { return true; });
     EXPECT_TRUE(mWorkflows.searchFid());
     EXPECT_THAT(dumps(), IsEmpty());
     EXPECT_EQ(mRegisters.dacData->value(), 0x40000000U);
@@ -425,7 +425,7 @@ TEST_F(LockToZeroTest, DoesNotLookAtTheTimeWhileItMendsAnOverflow) {
 
 TEST_F(LockToZeroTest, PassesAnOverflowAtEveryShiftOn) {
     mRegisters.fidShift->hold(3);
-    mRegisters.statusFidOverflow->script([] { return true; });
+    mRegisters.statusFidOverflow->compute([] { return true; });
     expectThrow<std::out_of_range>([&] { (void)mWorkflows.moveFIDFrequencyToZero(); },
                                    "Failed to find a suitable CIC shift: FID always overflows");
 }
@@ -516,7 +516,7 @@ TEST_F(LockToZeroTest, KeepsTheThreeShiftsOfAPoint) {
     int setUps = 0;
     mRegisters.maxSliceMagnitude->hold(LockRig::kStrong);
     mRegisters.fidShift->onWrite([&](std::uint8_t aShift) { setUps += aShift == 6 ? 1 : 0; });
-    mRegisters.statusFidOverflow->script([&] { return setUps > 1 && mRegisters.fidShift->value() == 6; });
+    mRegisters.statusFidOverflow->compute([&] { return setUps > 1 && mRegisters.fidShift->value() == 6; });
     mRegisters.fidMaxSlice->script({1 << 19, 1 << 28, 1 << 19, 1 << 28});
     auto const points = mWorkflows.scanField();
     ASSERT_EQ(points.size(), 2U);
@@ -529,7 +529,7 @@ TEST_F(LockToZeroTest, FailsToScanOnAFrequencyThatCannotBeSet) {
     setFactor(0.002);
     mRig.streams->onDump = [&](std::string const& aName) {
         if (aName.starts_with("scanField_")) {
-            mRegisters.statusPllDdsUnlocked->script([] { return true; });
+            mRegisters.statusPllDdsUnlocked->compute([] { return true; });
         }
     };
     mRig.onCycle = [&] { mRegisters.maxSliceMagnitude->hold(LockRig::kStrong); };
@@ -540,7 +540,7 @@ TEST_F(LockToZeroTest, FailsToScanOnAFrequencyThatCannotBeSet) {
     int dumpsLeft = 2; // the second pass begins behind the second dump of the first
     mRig.streams->onDump = [&](std::string const& aName) {
         if (aName.starts_with("scanField_") && --dumpsLeft == 0) {
-            mRegisters.statusPllDdsUnlocked->script([] { return true; });
+            mRegisters.statusPllDdsUnlocked->compute([] { return true; });
         }
     };
     expectThrow<std::runtime_error>([&] { (void)mWorkflows.scanField(); },

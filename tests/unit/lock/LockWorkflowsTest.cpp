@@ -129,7 +129,7 @@ TEST_F(LockWorkflowsTest, UsesTheFactorThatItHasJustRead) {
 }
 
 TEST_F(LockWorkflowsTest, DoesNotStartOnAFrequencyThatCannotBeSet) {
-    mRegisters.statusPllDdsUnlocked->script([] { return true; });
+    mRegisters.statusPllDdsUnlocked->compute([] { return true; });
     expectThrow<std::runtime_error>([&] { mWorkflows.start(); }, "Failed to configure the lock's frequency");
     EXPECT_THAT(dumps(), IsEmpty());
 }
