@@ -34,6 +34,16 @@
 
 namespace libfieldwarden::test {
 
+/// A function whose copies share their state, so that a mutable lambda goes on where it was.
+template <typename Result, typename... Arguments>
+std::function<Result(Arguments...)> sharing(std::function<Result(Arguments...)> aFunction) {
+    if (!aFunction) {
+        return nullptr;
+    }
+    return [shared = std::make_shared<std::function<Result(Arguments...)>>(std::move(aFunction))](
+               Arguments... aArguments) { return (*shared)(aArguments...); };
+}
+
 /// The lines of everything that was done, in order. Any thread.
 class LockJournal {
 public:
@@ -102,7 +112,7 @@ public:
     void compute(std::function<T()> aFunction) {
         std::lock_guard const lock(mMutex);
         mSequence.clear();
-        mFunction = std::move(aFunction);
+        mFunction = sharing(std::move(aFunction));
     }
 
     /// Makes every read fail with a std::invalid_argument.
@@ -114,7 +124,7 @@ public:
     /// thread with nothing locked; may throw. An empty one ends it.
     void onWrite(std::function<void(T)> aFunction) {
         std::lock_guard const lock(mMutex);
-        mOnWrite = std::move(aFunction);
+        mOnWrite = sharing(std::move(aFunction));
     }
 
     T get() const override {
@@ -258,7 +268,7 @@ public:
     /// thread with nothing locked: the place for a model that makes peak and magnitude out of what was set.
     void onCycle(std::function<void()> aWhat) {
         std::lock_guard const lock(mMutex);
-        mUsual.happening = std::move(aWhat);
+        mUsual.happening = sharing(std::move(aWhat));
     }
 
     /// What the next waits meet, one each; after them comes what is usual.
@@ -270,7 +280,7 @@ public:
     /// What answers every waitForIRQ() instead of all else; an empty one ends it.
     void onWait(std::function<bool(std::chrono::milliseconds)> aWhat) {
         std::lock_guard const lock(mMutex);
-        mOnWait = std::move(aWhat);
+        mOnWait = sharing(std::move(aWhat));
     }
 
     /// What happens at a call, behind its line in the journal and before its effect, on the caller's thread
@@ -281,7 +291,7 @@ public:
                                            "waitForIRQ"};
         EXPECT_NE(std::find(kCalls.begin(), kCalls.end(), aCall), kCalls.end()) << "no such call: " << aCall;
         std::lock_guard const lock(mMutex);
-        mOnCall[aCall] = std::move(aWhat);
+        mOnCall[aCall] = sharing(std::move(aWhat));
     }
 
     /// Makes a call fail with a std::runtime_error.
