@@ -10,6 +10,7 @@
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
 #include "support/FakeDataLogger.h"
+#include "support/SimulationSpeed.h"
 #include "support/TemporaryDirectory.h"
 
 #include <fieldwarden/ShimForLockIfc.h>
@@ -81,7 +82,9 @@ protected:
             magnet.raw = {};
         }
         mInstrument = std::make_shared<Instrument>(
-            Instrument::Options{.folder = mDirectory.path(), .timeScale = 20.0, .magnet = magnet});
+            Instrument::Options{.folder = mDirectory.path(),
+                                .timeScale = libfieldwarden::test::kSimulationSpeed,
+                                .magnet = magnet});
         Backend::use(libfieldwarden::sim::makeSimulatedBackend(mInstrument));
         mShims->zero = aWithoutShims;
         mHardware = std::make_shared<LockQ47Hardware>(Backend::current()->mainboard());
