@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+// Where ramps start and end, and their steps.
+#include "at/StateWithRamp.h"
+
+#include "at/ATFSMParameters.h"
+#include "at/ATFSMStates.h"
+#include "at/ATFlowTable.h"
+#include "at/FlowForATFSMIfc.h"
+#include "temperature/TempBoardQ47Ifc.h"
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+
+using velmor::kepla::log::Severity;
+
+namespace {
+constexpr double kStepKelvin = 1.0;
+}
+
+StateWithRamp::StateWithRamp(FSMAT const& aMachine)
+    : Logger("StateWithRamp", "Temperature") // the state's own name goes before
+    , mBoard(aMachine.board())
+    , mParameters(aMachine.parameters())
+    , mFlows(aMachine.flows())
+    , mListener(aMachine.listener())
+    , mFlowController(aMachine.flowController())
+    , mRamp(ATFSMParameters::normalSlope()) {}
+
+void StateWithRamp::resetRamp(double aTarget) {
+    keplaDoLog(Severity::Debug, "+resetRamp(target = %fK)", {}, aTarget);
+    double const current = mBoard->probeTemperature();
+    double minimalStart = ATFSMParameters::startRampUpTemperature();
+    double const lowest = mFlows->lowestTemperatureWithFlow();
+    mRampTarget = aTarget;
+    mFinalTarget = aTarget;
+    if (minimalStart < lowest) {
+        keplaDoLog(Severity::Info,
+                   "Lowest temperature with non null flow is %fK, while minimal start temperature is %fK: "
+                   "will use highest of both",
+                   {}, lowest, minimalStart);
+        minimalStart = lowest;
+    }
+    double from = current;
+    if (!isRampRequired()) {
+        keplaDoLog(Severity::Info, "resetRamp: no ramp required, immediately set target", {});
+        from = aTarget;
+    } else if (mFinalTarget >= minimalStart) {
+        from = std::max(current, minimalStart);
+        keplaDoLog(Severity::Info, "resetRamp: starts ramp with %fK", {}, from);
+    } else {
+        mRampTarget = minimalStart;
+        keplaDoLog(Severity::Info, "resetRamp: target too low, use minimal start temperature (%fK) as target",
+                   {}, minimalStart);
+    }
+    keplaDoLog(Severity::Info, "resetRamp: new target is %fK, current temperature considered to be %fK", {},
+               mRampTarget, from);
+    mRamp.reset(from, mRampTarget);
+}
+
+bool StateWithRamp::isRampRequired() const {
+    double const now = mBoard->probeTemperature(); // Intended: read anew.
+    double const start = ATFSMParameters::startRampUpTemperature();
+    bool const required = now > start || start < mParameters->targetTemperature();
+    keplaDoLog(Severity::Trace, "-isRampRequired: %d, with current %fK and startRampUpTemperature %fK", {},
+               required, now, start);
+    return required;
+}
+
+bool StateWithRamp::doRampStep(std::chrono::milliseconds aElapsed, bool aForce) {
+    keplaDoLog(Severity::Trace, "+doRampStep", {});
+    double value = mRamp.tick(aElapsed);
+    double const setPoint = mBoard->targetProbeTemperature();
+    bool const arrived = std::abs(value - mRampTarget) <= kStepKelvin;
+    if (arrived) {
+        value = mFinalTarget; // also where that is outside of the ramp
+    } else if (!aForce && std::abs(setPoint - value) < kStepKelvin) {
+        keplaDoLog(Severity::Trace, "doRampStep: delta to current target is too low, skipping this step", {});
+        return false;
+    }
+    setTargetTemperatureAndFlow(value);
+    return arrived;
+}
+
+void StateWithRamp::setTargetTemperatureAndFlow(double aKelvin) {
+    FlowAndIndex const flow = mFlows->flowForTemperature(aKelvin);
+    keplaDoLog(Severity::Info,
+               "setTargetTemperatureAndFlow: targetTemperature = %fK, flow = %f l/h, index = %d", {}, aKelvin,
+               flow.flow, flow.index);
+    // The gas goes first, on the way up as on the way down, and the hold gas stays.
+    if (!mFlowController->setFlowFromSM(static_cast<unsigned char>(flow.index), true)) {
+        keplaDoLog(Severity::Error, "StateWithRamp: failed to set the gas flow", {});
+        throw std::runtime_error("Failed to set the gas flow");
+    }
+    mBoard->setTargetProbeTemperature(aKelvin);
+}
