@@ -162,7 +162,7 @@ void LockQ47Hardware::loadProgram(std::string const& aPath) {
     {
         auto const device = mDriver->openMemory(kProgramDevice);
         if (!*device) {
-            throw std::runtime_error(std::string("Could not open output file ") + kProgramDevice);
+            throw std::runtime_error("Could not open output file /dev/seqlock");
         }
         copyAll(input, *device);
     }

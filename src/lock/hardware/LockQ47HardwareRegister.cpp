@@ -21,7 +21,7 @@ constexpr char const* kClearableLogger = "LockQ47HardwareReigsterClearable"; // 
 constexpr int kAnyBase = 0;
 
 [[noreturn]] void refuse(std::string const& aText, std::string const& aEnding) {
-    throw std::invalid_argument("Cannot convert value '" + aText + "' to " + aEnding);
+    throw std::invalid_argument("Cannot convert value '" + aText + aEnding);
 }
 
 void parse(std::string const& aText, bool& aValue) {
@@ -30,7 +30,7 @@ void parse(std::string const& aText, bool& aValue) {
     } else if (aText == "0" || aText == "0x0") {
         aValue = false;
     } else {
-        refuse(aText, "boolean");
+        refuse(aText, "' to boolean");
     }
 }
 
@@ -39,12 +39,12 @@ void parse(std::string const& aText, std::uint8_t& aValue) {
     try {
         number = std::stoul(aText, nullptr, kAnyBase);
     } catch (std::out_of_range const&) {
-        refuse(aText, "uint8_t: overflow");
+        refuse(aText, "' to uint8_t: overflow");
     } catch (std::exception const& error) {
-        refuse(aText, std::string("uint8_t: ") + error.what());
+        refuse(aText, std::string("' to uint8_t: ") + error.what());
     }
     if (number > std::numeric_limits<std::uint8_t>::max()) {
-        refuse(aText, "uint8_t");
+        refuse(aText, "' to uint8_t");
     }
     aValue = static_cast<std::uint8_t>(number);
 }
@@ -53,7 +53,7 @@ void parse(std::string const& aText, std::uint16_t& aValue) {
     // Intended: what the parser itself throws is not put into other words here.
     unsigned long const number = std::stoul(aText, nullptr, kAnyBase);
     if (number > std::numeric_limits<std::uint16_t>::max()) {
-        refuse(aText, "uint16_t");
+        refuse(aText, "' to uint16_t");
     }
     aValue = static_cast<std::uint16_t>(number);
 }
@@ -61,25 +61,25 @@ void parse(std::string const& aText, std::uint16_t& aValue) {
 void parse(std::string const& aText, std::int16_t& aValue) {
     unsigned long const number = std::stoul(aText, nullptr, kAnyBase);
     if (number > std::numeric_limits<std::uint16_t>::max()) {
-        refuse(aText, "int16_t");
+        refuse(aText, "' to int16_t");
     }
     aValue = static_cast<std::int16_t>(number); // the low 16 bits with their sign
 }
 
 void parse(std::string const& aText, std::uint32_t& aValue) {
     if (aText.starts_with('-')) {
-        refuse(aText, "uint32_t: negative number");
+        refuse(aText, "' to uint32_t: negative number");
     }
     unsigned long number = 0;
     try {
         number = std::stoul(aText, nullptr, kAnyBase);
     } catch (std::out_of_range const&) {
-        refuse(aText, "uint32_t: overflow");
+        refuse(aText, "' to uint32_t: overflow");
     } catch (std::exception const& error) {
-        refuse(aText, std::string("uint32_t: ") + error.what());
+        refuse(aText, std::string("' to uint32_t: ") + error.what());
     }
     if (number > std::numeric_limits<std::uint32_t>::max()) { // where long is wider than the register
-        refuse(aText, "uint32_t: overflow");
+        refuse(aText, "' to uint32_t: overflow");
     }
     aValue = static_cast<std::uint32_t>(number);
 }
@@ -88,9 +88,9 @@ void parse(std::string const& aText, std::int32_t& aValue) {
     try {
         aValue = std::stoi(aText, nullptr, kAnyBase);
     } catch (std::out_of_range const&) {
-        refuse(aText, "int32_t: overflow");
+        refuse(aText, "' to int32_t: overflow");
     } catch (std::exception const& error) {
-        refuse(aText, std::string("int32_t: ") + error.what());
+        refuse(aText, std::string("' to int32_t: ") + error.what());
     }
 }
 
