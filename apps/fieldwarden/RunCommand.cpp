@@ -5,17 +5,26 @@
 #include "apps/fieldwarden/EventPrinter.h"
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/LockEvents.h"
+#include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/Output.h"
+#include "apps/fieldwarden/ProgressBar.h"
 #include "apps/fieldwarden/ShimEvents.h"
 #include "apps/fieldwarden/StopSignal.h"
 
 #include <fieldwarden/BoundedValue.h>
 #include <fieldwarden/FieldwardenInterface.h>
+#include <fieldwarden/LockDiagnosticsInterface.h>
+#include <fieldwarden/LockInterface.h>
 #include <fieldwarden/ShimInterface.h>
+#include <velmor/kepla/datalogger/DataLoggerReader.h>
+#include <velmor/platform/Clock.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
+#include <exception>
+#include <filesystem>
 #include <sstream>
 #include <string>
 
@@ -27,6 +36,11 @@ namespace libfieldwarden::app {
 namespace {
 
 using RealTime = std::chrono::steady_clock;
+
+constexpr char const* kProgress = "progress";
+constexpr double kH0FullScale = 8388607.0;
+constexpr double kH0StepPercent = 1.0;
+constexpr int kLookMilliseconds = 1000;
 
 /// How long poll(2) may wait for something before the run is over; -1 for ever.
 int waitMilliseconds(std::optional<RealTime::time_point> aEnd) {
@@ -50,6 +64,7 @@ public:
             mEnd = begin + std::chrono::duration_cast<RealTime::duration>(
                                std::chrono::duration<double>(*mOptions.seconds));
         }
+        auto const frequency = frequencyFor(mOptions.session, mOptions.frequency);
         StopSignal const stop;
         Session session(mOptions.session);
         announceOpening(session);
@@ -64,7 +79,9 @@ public:
                 if (lockEvents->hasWarnings()) {
                     lockEvents->warningsChanged(); // They were there before anybody listened.
                 }
+                startLocking(*lock, frequency);
             }
+            mH0File = session.dataLoggerFile();
             listen(stop);
             mLockEvents = nullptr;
         }
@@ -82,8 +99,6 @@ private:
         if (mock) {
             text += " (control files 'warnings' and 'critical_warnings' in " +
                     MockDirectory::path().string() + ")";
-        } else if (lock == "none") {
-            text += " (this version has the mock lock only: --lock mock)";
         }
         mQueue.push({{},
                      "library",
@@ -117,20 +132,86 @@ private:
                      Tone::Good});
     }
 
+    /// Tells the lock the magnet's frequency, on which it waits, and listens to how far its start is.
+    void startLocking(LockInterface& aLock, std::optional<double> aFrequencyHz) {
+        if (auto* const diagnostics = dynamic_cast<LockDiagnosticsInterface*>(&aLock)) {
+            diagnostics->setProgressListener([this](LockStepProgress const& aProgress) {
+                mQueue.push({{},
+                             "lock",
+                             kProgress,
+                             aProgress.step,
+                             {{"step", aProgress.step}, {"done", aProgress.done}, {"total", aProgress.total}},
+                             Tone::Plain});
+            });
+        }
+        if (aFrequencyHz) {
+            aLock.setBasic1HFrequency(*aFrequencyHz);
+        } else if (aLock.getBasic1HFrequency() == 0.0) {
+            complain("the lock waits for the magnet's frequency: --frequency MHZ");
+        }
+    }
+
+    /// A step of a start: its bar on a terminal, otherwise a line when it begins.
+    void showProgress(Event const& aEvent) {
+        std::string const step = aEvent.fields["step"];
+        if (mBar.redraws() && !mOptions.json) {
+            mBar.show(step, aEvent.fields["done"], aEvent.fields["total"]);
+        } else if (step != mStep) {
+            mReaderThere = mReaderThere && mPrinter.print(aEvent);
+        }
+        mStep = step;
+    }
+
+    /// Tells the H0 output when it has moved by a percent of its range since it was told last. The data
+    /// logger has it, a value a second.
+    void tellH0() {
+        try {
+            velmor::kepla::datalogger::DataLoggerReader const reader(mH0File);
+            auto const newest = reader.channel("lock/pid/data_out").last;
+            if (!newest || newest->time < mBegin) {
+                return;
+            }
+            double const percent = newest->value / kH0FullScale * 100.0;
+            if (mH0Percent && std::abs(percent - *mH0Percent) < kH0StepPercent) {
+                return;
+            }
+            mH0Percent = percent;
+            mQueue.push({{},
+                         "lock",
+                         "h0Output",
+                         fmt::format("H0 output at {:.1f} % of its range", percent),
+                         {{"percent", percent}},
+                         Tone::Plain});
+        } catch (std::exception const&) {
+            // No lock has run yet with this file: there is nothing to tell.
+        }
+    }
+
     void listen(StopSignal const& aStop) {
         while (mReaderThere && aStop.name().empty() && (!mEnd || RealTime::now() < *mEnd)) {
             std::array<pollfd, 2> watched{
                 {{aStop.descriptor(), POLLIN, 0}, {mQueue.descriptor(), POLLIN, 0}}};
-            poll(watched.data(), watched.size(), waitMilliseconds(mEnd));
+            int const wait = waitMilliseconds(mEnd);
+            poll(watched.data(), watched.size(),
+                 wait < 0 ? kLookMilliseconds : std::min(wait, kLookMilliseconds));
+            if (RealTime::now() >= mNextLook) {
+                mNextLook = RealTime::now() + std::chrono::milliseconds(kLookMilliseconds);
+                tellH0();
+            }
             printAll();
         }
     }
 
     void printAll() {
         for (Event& event : mQueue.take()) {
+            if (event.name == kProgress) {
+                showProgress(event);
+                continue;
+            }
             if (mLockEvents != nullptr && event.source == "lock") {
                 mLockEvents->describe(event);
             }
+            mBar.clear();
             mReaderThere = mReaderThere && mPrinter.print(event);
         }
     }
@@ -151,6 +232,12 @@ private:
     EventQueue mQueue;
     LockEvents* mLockEvents = nullptr;
     std::optional<RealTime::time_point> mEnd;
+    ProgressBar mBar;
+    std::string mStep; ///< The step of a start that was shown last.
+    velmor::platform::Clock::SystemTimePoint const mBegin = velmor::platform::Clock::current().systemNow();
+    std::filesystem::path mH0File;
+    std::optional<double> mH0Percent; ///< As it was told last.
+    RealTime::time_point mNextLook;
     bool mReaderThere = true;
 };
 

@@ -5,6 +5,7 @@
 #include "apps/fieldwarden/Session.h"
 
 #include <optional>
+#include <string>
 
 namespace libfieldwarden::app {
 
@@ -13,6 +14,7 @@ struct RunOptions {
     SessionOptions session;
     std::optional<double> seconds; ///< Real time after which to close; without, on Ctrl-C only.
     bool json = false;
+    std::optional<std::string> frequency; ///< Of the magnet, as text; see frequencyFor().
 };
 
 /// Opens, listens, prints each thing heard as it happens, and closes in order.

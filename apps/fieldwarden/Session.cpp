@@ -126,6 +126,11 @@ void Session::openOnSimulation(SessionOptions const& aOptions) {
                                         folders.tempFirmware.string(), folders.data.string());
 }
 
+std::filesystem::path Session::dataLoggerFile() const {
+    return mInstrument != nullptr ? mInstrument->folders().dataLogger
+                                  : mDataRoot / "libfieldwarden" / "datalogger.sqlite";
+}
+
 std::filesystem::path Session::shimSystemFile() const {
     return mDataRoot / "libfieldwarden" / "shim-system";
 }

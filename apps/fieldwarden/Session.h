@@ -47,6 +47,9 @@ public:
     /// @throws std::exception  what the library throws.
     ShimInterface& shim();
 
+    /// @return The data logger's file, which a reader may open beside the library.
+    std::filesystem::path dataLoggerFile() const;
+
     /// Keeps a shim system for later runs, beside the instrument's data.
     /// @throws std::runtime_error  when that cannot be written.
     void rememberShimSystem(int aSystem) const;

@@ -2,6 +2,7 @@
 // The command line: which subcommand, with which options, and what its end means to the shell.
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/HelpText.h"
+#include "apps/fieldwarden/LockCommand.h"
 #include "apps/fieldwarden/LogCommand.h"
 #include "apps/fieldwarden/Output.h"
 #include "apps/fieldwarden/PlotCommand.h"
@@ -38,6 +39,7 @@ public:
         mProgram.formatter(std::make_shared<HelpText>(mUsage)); // Subcommands inherit it.
         mUsage[&mProgram] = "SUBCOMMAND …";
         addRun();
+        addLockCommands();
         addShim();
         addLog();
         addPlot();
@@ -112,9 +114,6 @@ private:
         if (!aOptions.simulate && aCommand.count("--time-scale") != 0) {
             throw WrongUsage("--time-scale goes with --simulate: a real instrument has its own time");
         }
-        if (aOptions.simulate && aCommand.count("--lock") == 0) {
-            aOptions.lock = LockKind::Mock; // The simulated instrument has no lock sequencer yet.
-        }
     }
 
     static void addFormOptions(CLI::App& aCommand, Form& aForm) {
@@ -126,17 +125,78 @@ private:
             ->excludes(json);
     }
 
+    static void addFrequencyOption(CLI::App& aCommand, std::optional<std::string>& aFrequency) {
+        aCommand
+            .add_option("--frequency", aFrequency,
+                        "The magnet's 1H frequency, as in 80.123 or 80.123MHz: what the lock starts with "
+                        "(default with --simulate: 80.123)")
+            ->type_name("MHZ");
+    }
+
+    /// Adds a subcommand that looks behind the lock, with the options that all of them have.
+    CLI::App& addLockCommand(CLI::App& aParent,
+                             char const* aName,
+                             char const* aMeaning,
+                             std::string const& aUsage,
+                             std::function<int(LockOptions const&)> aWork,
+                             std::shared_ptr<LockOptions> const& aOptions) {
+        CLI::App& command =
+            add(aParent, aName, aMeaning, aUsage + " [--simulate] [--time-scale N] [--data DIR] [--json|-q]");
+        addSessionOptions(command, aOptions->session);
+        addFormOptions(command, aOptions->form);
+        does(command, [&command, aOptions, work = std::move(aWork)] {
+            checkSessionOptions(command, aOptions->session);
+            return work(*aOptions);
+        });
+        return command;
+    }
+
+    void addLockCommands() {
+        addLockCommand(mProgram, "registers", "All registers of the lock sequencer", "registers",
+                       lockRegisters, std::make_shared<LockOptions>());
+
+        auto const dumpOptions = std::make_shared<LockOptions>();
+        auto const kind = std::make_shared<LockDumpKind>(LockDumpKind::Fid);
+        auto const file = std::make_shared<std::filesystem::path>();
+        CLI::App& dump = addLockCommand(
+            mProgram, "dump", "Start the lock and keep its FID or its FFT in a file",
+            "dump fid|fft FILE [--frequency MHZ]",
+            [kind, file](LockOptions const& aOptions) { return lockDump(aOptions, *kind, *file); },
+            dumpOptions);
+        dump.add_option("KIND", *kind, "'fid', the signal in time, or 'fft', its spectrum")
+            ->required()
+            ->transform(quiet(CLI::CheckedTransformer(
+                std::map<std::string, LockDumpKind>{{"fid", LockDumpKind::Fid}, {"fft", LockDumpKind::Fft}})))
+            ->type_name("fid|fft");
+        dump.add_option("FILE", *file, "The HDF5 file; one that is there is replaced")
+            ->required()
+            ->type_name("FILE");
+        addFrequencyOption(dump, dumpOptions->frequency);
+
+        CLI::App& lock = add(mProgram, "lock", "A closer look at the lock", "lock scan …");
+        lock.require_subcommand(1);
+        auto const picture = std::make_shared<std::optional<std::filesystem::path>>();
+        CLI::App& scan = addLockCommand(
+            lock, "scan", "Look for signals over the whole range of frequencies", "lock scan [--plot FILE]",
+            [picture](LockOptions const& aOptions) { return lockScan(aOptions, *picture); },
+            std::make_shared<LockOptions>());
+        scan.add_option("--plot", *picture, "Also draw magnitude against frequency, to a .png or .svg file")
+            ->type_name("FILE");
+        scan.footer("Takes some minutes of the instrument's time.");
+    }
+
     void addRun() {
         CLI::App& command =
             add(mProgram, "run", "Open the library and print what it says until Ctrl-C",
-                "run [--simulate] [--lock mock|real] [--time-scale N] [--for SECONDS] [--data DIR] "
-                "[--system N] [--json]");
+                "run [--simulate] [--lock mock|real] [--frequency MHZ] [--time-scale N] [--for SECONDS] "
+                "[--data DIR] [--system N] [--json]");
         auto const options = std::make_shared<RunOptions>();
         addSessionOptions(command, options->session);
         command.add_option("--for", options->seconds, "Close after so many seconds")
             ->check(quiet(CLI::NonNegativeNumber))
             ->type_name("SECONDS");
         command.add_flag("--json", options->json, "One JSON object a line instead of text");
+        addFrequencyOption(command, options->frequency);
         does(command, [&command, options] {
             checkSessionOptions(command, options->session);
             return runCommand(*options);

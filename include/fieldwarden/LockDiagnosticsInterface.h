@@ -35,7 +35,8 @@ struct LockStepProgress {
     unsigned int total = 0; ///< Parts of the whole at most: a step that finds what it seeks ends early.
 };
 
-/// Hears of progress, on the thread that does the step; to be quick, and not to call the lock.
+/// Hears of progress, on the thread that does the step; to be quick, and not to call the lock. What it throws
+/// ends a scan and comes out of it, and fails a start when it is a std::exception.
 using LockProgressListener = std::function<void(LockStepProgress const&)>;
 
 /// Diagnosis of a lock. A LockInterface that offers it can be cast to it; the mock lock does not. Not for the

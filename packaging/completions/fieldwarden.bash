@@ -10,12 +10,12 @@ _fieldwarden_command() {
             continue
         fi
         case $word in
-            --lock | --time-scale | --data | --system | --for | --since | --out) is_value=yes ;;
+            --lock | --time-scale | --data | --system | --for | --since | --out | --plot | --frequency) is_value=yes ;;
             -*) ;;
             *)
                 case $command in
                     '') command=$word ;;
-                    shim | log) command+=" $word" ;;
+                    shim | log | lock) command+=" $word" ;;
                 esac
                 ;;
         esac
@@ -30,12 +30,16 @@ _fieldwarden() {
         --lock) words='mock real' ;;
         --system) words='8 9 10 11' ;;
         --data) paths=-d ;;
-        --out) paths=-f ;;
-        --time-scale | --for | --since) ;;
+        --out | --plot) paths=-f ;;
+        --time-scale | --for | --since | --frequency) ;;
         *)
             case $(_fieldwarden_command "${COMP_WORDS[@]:1:COMP_CWORD-1}") in
-                '') words='run shim log plot --help --version' ;;
-                run) words="$session --system --for --json" ;;
+                '') words='run registers dump lock shim log plot --help --version' ;;
+                run) words="$session --system --frequency --for --json" ;;
+                registers) words="$session --system $form" ;;
+                dump) words="fid fft --frequency $session --system $form" paths=-f ;;
+                lock) words='scan --help' ;;
+                'lock scan') words="--plot $session --system $form" ;;
                 shim) words='list get set current load save relations system --help' ;;
                 'shim system') words="8 9 10 11 $session $form" ;;
                 'shim load' | 'shim save') words="$session --system $form" paths=-f ;;

@@ -11,11 +11,11 @@ function __fieldwarden_is
             continue
         end
         switch $word
-            case --lock --time-scale --data --system --for --since --out
+            case --lock --time-scale --data --system --for --since --out --plot --frequency
                 set is_value yes
             case '-*'
             case '*'
-                if test (count $command) -eq 0; or contains -- "$command" shim log
+                if test (count $command) -eq 0; or contains -- "$command" shim log lock
                     set -a command $word
                 end
         end
@@ -27,6 +27,9 @@ complete -c fieldwarden -f
 complete -c fieldwarden -l help -s h -d 'Print the help'
 complete -c fieldwarden -n __fieldwarden_is -l version -d 'Print the version'
 complete -c fieldwarden -n __fieldwarden_is -a run -d 'Open the library and print what it says'
+complete -c fieldwarden -n __fieldwarden_is -a registers -d 'All registers of the lock sequencer'
+complete -c fieldwarden -n __fieldwarden_is -a dump -d 'Keep the FID or FFT of the lock in a file'
+complete -c fieldwarden -n __fieldwarden_is -a lock -d 'A closer look at the lock'
 complete -c fieldwarden -n __fieldwarden_is -a shim -d 'Gradients and currents of the shim coils'
 complete -c fieldwarden -n __fieldwarden_is -a log -d 'What the data logger has kept'
 complete -c fieldwarden -n __fieldwarden_is -a plot -d 'Draw a dump of the lock signal'
@@ -52,6 +55,14 @@ complete -c fieldwarden -n '__fieldwarden_is log list' -l all -d 'Also the chann
 complete -c fieldwarden -n '__fieldwarden_is log show' -l since -x -d 'From then on'
 complete -c fieldwarden -n '__fieldwarden_is log show' -l csv -d 'As CSV with a header line'
 
+complete -c fieldwarden -n '__fieldwarden_is lock' -a scan -d 'Look for signals over the whole range'
+complete -c fieldwarden -n '__fieldwarden_is lock scan' -l plot -r -F -d 'A picture, too'
+complete -c fieldwarden -n '__fieldwarden_is dump' -a 'fid fft'
+complete -c fieldwarden -n '__fieldwarden_is dump' -F
+for command in run dump
+    complete -c fieldwarden -n "__fieldwarden_is $command" -l frequency -x -d 'The magnet frequency in MHz'
+end
+
 complete -c fieldwarden -n '__fieldwarden_is plot' -F
 complete -c fieldwarden -n '__fieldwarden_is plot' -l out -r -F -d 'The picture'
 complete -c fieldwarden -n '__fieldwarden_is plot' -l fid -d 'Points in time'
@@ -59,16 +70,16 @@ complete -c fieldwarden -n '__fieldwarden_is plot' -l fft -d 'Points in frequenc
 complete -c fieldwarden -n '__fieldwarden_is plot' -l json -d 'As JSON, for programs'
 complete -c fieldwarden -n '__fieldwarden_is plot' -l quiet -s q -d 'The bare values'
 
-for command in run 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' 'shim save' 'shim relations' \
-    'shim system'
+for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
+    'shim save' 'shim relations' 'shim system'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l lock -x -a 'mock real' -d 'Which lock'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l time-scale -x -d 'Simulated seconds in a real second'
     if test $command != 'shim system'
         complete -c fieldwarden -n "__fieldwarden_is $command" -l system -x -a '8 9 10 11' -d 'The shim system'
     end
 end
-for command in run 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' 'shim save' 'shim relations' \
-    'shim system' 'log list' 'log show'
+for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
+    'shim save' 'shim relations' 'shim system' 'log list' 'log show'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l simulate -d 'On the simulated instrument'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l data -x -a '(__fish_complete_directories)' \
         -d 'Folder of the instrument'

@@ -57,14 +57,14 @@ class Arguments(WithoutMockDirectory):
 
     def test_a_data_folder_that_cannot_be_made_is_an_error_that_names_it(self):
         with tempfile.NamedTemporaryFile() as file:
-            code, out, err = run('run', '--simulate', '--for', '0', '--data', file.name + '/x')
+            code, out, err = run('run', '--simulate', '--lock', 'mock', '--for', '0', '--data', file.name + '/x')
             self.assertEqual(code, 1)
             self.assertIn(file.name, err)
 
 
 class Run(WithoutMockDirectory):
     def test_opens_and_closes_and_leaves_nothing_behind(self):
-        code, out, err = run('run', '--simulate', '--for', '0.2')
+        code, out, err = run('run', '--simulate', '--lock', 'mock', '--for', '0.2')
         self.assertEqual(code, 0, err)
         self.assertIn('open on the simulated instrument, lock: mock', out)
         self.assertIn('closed', out)
@@ -72,7 +72,7 @@ class Run(WithoutMockDirectory):
         self.assertFalse(MOCK.exists())
 
     def test_shows_a_warning_within_two_seconds(self):
-        process = start('run', '--simulate', '--json')
+        process = start('run', '--simulate', '--lock', 'mock', '--json')
         lines_until(process, lambda line: '"opened"' in line)
         written = time.monotonic()
         (MOCK / 'warnings').write_text('magnet too warm\n')
@@ -90,7 +90,7 @@ class Run(WithoutMockDirectory):
         self.assertFalse(MOCK.exists())
 
     def test_closes_in_order_on_sigterm(self):
-        process = start('run', '--simulate')
+        process = start('run', '--simulate', '--lock', 'mock')
         lines_until(process, lambda line: 'open on' in line)
         process.terminate()
         out, err = process.communicate(timeout=LONG)
@@ -99,7 +99,7 @@ class Run(WithoutMockDirectory):
         self.assertIn('closed', out)
 
     def test_closes_in_order_when_the_reader_of_its_output_goes(self):
-        process = start('run', '--simulate', '--json')
+        process = start('run', '--simulate', '--lock', 'mock', '--json')
         lines_until(process, lambda line: '"opened"' in line)
         process.stdout.close()
         (MOCK / 'warnings').write_text('unread')
@@ -111,7 +111,7 @@ class Run(WithoutMockDirectory):
         MOCK.mkdir()
         (MOCK / 'critical_warnings').write_text('quench')
         try:
-            code, out, err = run('run', '--simulate', '--json', '--for', '2.5')
+            code, out, err = run('run', '--simulate', '--lock', 'mock', '--json', '--for', '2.5')
             self.assertEqual(code, 0, err)
             warned = [json.loads(line) for line in out.splitlines() if 'warningsChanged' in line]
             self.assertEqual([event['criticalWarnings'] for event in warned], ['quench'])
@@ -121,7 +121,7 @@ class Run(WithoutMockDirectory):
             MOCK.rmdir()
 
     def test_keeps_what_somebody_else_put_into_the_mock_directory(self):
-        process = start('run', '--simulate')
+        process = start('run', '--simulate', '--lock', 'mock')
         lines_until(process, lambda line: 'open on' in line)
         (MOCK / 'notes').write_text('mine')
         process.terminate()
@@ -134,7 +134,7 @@ class Run(WithoutMockDirectory):
 
     def test_keeps_its_files_in_the_data_folder(self):
         with tempfile.TemporaryDirectory() as folder:
-            code, out, err = run('run', '--simulate', '--for', '0', '--data', folder)
+            code, out, err = run('run', '--simulate', '--lock', 'mock', '--for', '0', '--data', folder)
             self.assertEqual(code, 0, err)
             root = pathlib.Path(folder)
             self.assertTrue((root / 'data/deviceids/magnet.mds').is_file())
@@ -151,7 +151,7 @@ class Run(WithoutMockDirectory):
 
 class Terminal(WithoutMockDirectory):
     def test_colours_on_a_terminal_only_and_never_with_no_color(self):
-        command = ('run', '--simulate', '--for', '0.2')
+        command = ('run', '--simulate', '--lock', 'mock', '--for', '0.2')
         self.assertIn(b'\x1b[', shown_on_terminal(*command, environment={'NO_COLOR': ''}))
         self.assertNotIn(b'\x1b[', shown_on_terminal(*command, environment={'NO_COLOR': '1'}))
         self.assertNotIn('\x1b[', run(*command)[1])

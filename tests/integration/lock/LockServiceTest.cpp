@@ -288,6 +288,9 @@ TEST_F(LockService, StaysAtItsFieldWhileTheFidIsGone) {
 }
 
 TEST_F(LockService, SurvivesAPidStreamThatPausesFor50Seconds) {
+    if (kSimulationSpeed < 2.0) {
+        GTEST_SKIP() << "takes more than a minute of simulated time, and this build has to take it in full";
+    }
     openLocked();
     faults().setStoppedPidStream(true);
     letPass(seconds(50));
@@ -298,6 +301,9 @@ TEST_F(LockService, SurvivesAPidStreamThatPausesFor50Seconds) {
 }
 
 TEST_F(LockService, TellsAHardwareErrorWhenThePidStreamStaysAway) {
+    if (kSimulationSpeed < 2.0) {
+        GTEST_SKIP() << "takes more than a minute of simulated time, and this build has to take it in full";
+    }
     openLocked();
     mHeard.forget();
     faults().setStoppedPidStream(true);
@@ -319,6 +325,9 @@ TEST_F(LockService, TellsAHardwareErrorWhenThePidStreamStaysAway) {
 }
 
 TEST_F(LockService, WarnsNearTheEndOfTheRangeAndTakesTheWarningBack) {
+    if (kSimulationSpeed < 2.0) {
+        GTEST_SKIP() << "takes more than a minute of simulated time, and this build has to take it in full";
+    }
     open();
     // Full scale is 4449 Hz of 1H: 3400 Hz are 76 percent of it, 90 percent are 604 Hz further on.
     lock().setBasic1HFrequency(kMagnet1H - 3'400.0);
