@@ -338,8 +338,12 @@ void Sequencer::acquire() {
                              mRegisters.get(Reg::FidGroupDelay), mFaults.noise());
     mExcitation.reset();
     mRegisters.set(Reg::FidMaxSlice, static_cast<std::uint32_t>(mFid.greatest));
+    // Of the last acquisition, unless it is cleared before: a search for the gain could not go on below one
+    // that was too high otherwise.
     if (mFid.overflow) {
         raise(Reg::FidOverflow);
+    } else {
+        mRegisters.set(Reg::FidOverflow, 0);
     }
     checkDc();
 }
