@@ -244,11 +244,13 @@ public:
     /// The registers, each under the name of its accessor.
     struct Registers {
         std::shared_ptr<LockJournal> const& journal;
+// NOLINTBEGIN(bugprone-macro-parentheses): types, which cannot stand in parentheses
 #define FAKE_LOCK_REGISTER(accessor, path, access, type)     \
     std::shared_ptr<FakeLockRegister<type>> const accessor = \
         std::make_shared<FakeLockRegister<type>>(path, std::string_view(#access) == "Clearable", journal);
         LOCK_REGISTERS(FAKE_LOCK_REGISTER)
 #undef FAKE_LOCK_REGISTER
+        // NOLINTEND(bugprone-macro-parentheses)
     };
     Registers const registers{mJournal};
 
@@ -378,12 +380,14 @@ public:
         return meet(meets, timeout);
     }
 
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define FAKE_LOCK_ACCESSOR(accessor, path, access, type)                                      \
     std::shared_ptr<libfieldwarden::lock::access##Register<type>> accessor() const override { \
         return registers.accessor;                                                            \
     }
     LOCK_REGISTERS(FAKE_LOCK_ACCESSOR)
 #undef FAKE_LOCK_ACCESSOR
+    // NOLINTEND(bugprone-macro-parentheses)
 
 private:
     static constexpr double kSynthesiserHz = 480'000'000.0;

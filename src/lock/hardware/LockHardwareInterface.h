@@ -59,8 +59,10 @@ public:
     virtual bool waitForIRQ(std::chrono::milliseconds const& aTimeout) = 0;
 
     // One accessor a register, each returning the register's object, as the register table lists them.
+    // NOLINTBEGIN(bugprone-macro-parentheses): types, which cannot stand in parentheses
 #define LOCK_REGISTER_ACCESSOR(accessor, path, access, type) \
     virtual std::shared_ptr<libfieldwarden::lock::access##Register<type>> accessor() const = 0;
     LOCK_REGISTERS(LOCK_REGISTER_ACCESSOR)
 #undef LOCK_REGISTER_ACCESSOR
+    // NOLINTEND(bugprone-macro-parentheses)
 };

@@ -33,12 +33,14 @@ public:
     void loadWindow(std::istream& aStream) override;
     bool waitForIRQ(std::chrono::milliseconds const& aTimeout) override;
 
+    // NOLINTBEGIN(bugprone-macro-parentheses): types, which cannot stand in parentheses
 #define LOCK_REGISTER_ACCESSOR(accessor, path, access, type)                                  \
     std::shared_ptr<libfieldwarden::lock::access##Register<type>> accessor() const override { \
         return m_##accessor;                                                                  \
     }
     LOCK_REGISTERS(LOCK_REGISTER_ACCESSOR)
 #undef LOCK_REGISTER_ACCESSOR
+    // NOLINTEND(bugprone-macro-parentheses)
 
 private:
     void checkProgram() const;
@@ -47,10 +49,10 @@ private:
     std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> mMainboard;
     std::shared_ptr<velmor::q47::seqlock::SeqlockDriver> mDriver;
 
-    // NOLINTBEGIN(readability-identifier-naming): named after their accessors
+    // NOLINTBEGIN(readability-identifier-naming, bugprone-macro-parentheses): named after their accessors
 #define LOCK_REGISTER_MEMBER(accessor, path, access, type) \
     std::shared_ptr<libfieldwarden::lock::access##Register<type>> m_##accessor;
     LOCK_REGISTERS_AS_MADE(LOCK_REGISTER_MEMBER)
 #undef LOCK_REGISTER_MEMBER
-    // NOLINTEND(readability-identifier-naming)
+    // NOLINTEND(readability-identifier-naming, bugprone-macro-parentheses)
 };
