@@ -264,11 +264,11 @@ std::shared_ptr<LockWorkflows> LockQ47::workflows() const {
     return std::make_shared<LockWorkflows>(mHardware, mHelper, mParameters, mStreams, mShim);
 }
 
-void LockQ47::startForTests() {
+void LockQ47::startForTests() const {
     workflows()->startForTests();
 }
 
-std::vector<LockFieldScanPoint> LockQ47::scanField() {
+std::vector<LockFieldScanPoint> LockQ47::scanField() const {
     return workflows()->scanField();
 }
 

@@ -136,11 +136,11 @@ public:
 
     /// Brings the hardware up and nothing else. Blocks. @throws std::exception  as
     /// LockWorkflows::startHardware().
-    void startForTests();
+    void startForTests() const;
 
     /// Looks at the whole frequency range. Blocks for many minutes. @throws std::exception  as LockWorkflows.
     /// @return What the lock saw at each frequency with a signal.
-    std::vector<LockFieldScanPoint> scanField();
+    std::vector<LockFieldScanPoint> scanField() const;
 
     /// @return The slope of the FFT's imaginary part at its zero crossing, in counts a point. Blocks.
     /// @throws std::exception  when there are no data.
