@@ -326,8 +326,8 @@ TEST_F(LockService, WarnsNearTheEndOfTheRangeAndTakesTheWarningBack) {
         GTEST_SKIP() << "takes more than a minute of simulated time, and this build has to take it in full";
     }
     open();
-    // Full scale is 4449 Hz of 1H: 3400 Hz are 76 percent of it, 90 percent are 604 Hz further on.
-    lock().setBasic1HFrequency(kMagnet1H - 3'400.0);
+    // Full scale is 4449 Hz of 1H: 800 Hz are 18 percent of it, 90 percent are 3204 Hz further on.
+    lock().setBasic1HFrequency(kMagnet1H - 800.0);
     ASSERT_TRUE(mHeard.await("state 1"));
     mHeard.forget();
     auto const drift = [this](double aHertzPerSecond) { // as fast as the regulator can follow
@@ -341,7 +341,7 @@ TEST_F(LockService, WarnsNearTheEndOfTheRangeAndTakesTheWarningBack) {
     EXPECT_EQ(lock().criticalWarnings(),
               "The lock field exceeds 90% of the maximum range.\n"
               "The system stability will degrade if the lock field reaches 100%.\n"
-              "To prevent this, please change the spectrometer frequency by +4 kHz, to 80.124 MHz.");
+              "To prevent this, please change the spectrometer frequency by +4 kHz, to 80.127 MHz.");
     mHeard.forget();
     drift(-20.0);
     ASSERT_TRUE(mHeard.await("warningsChanged"));
