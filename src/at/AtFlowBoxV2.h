@@ -4,15 +4,11 @@
 
 #include "at/AtFlowBoxIfc.h"
 
-#include <velmor/kepla/log/Logger.h>
-
 /// Version 2. The byte is a base (0 off, 1 hold flow only, 2 to 4 main flow 1 to 3), plus 10 when a main flow
 /// goes without hold flow, plus 100 when the box reports that its knob is not at remote; 0xFF is an error of
 /// the box.
-class AtFlowBoxV2 : public AtFlowBoxIfc, private virtual velmor::kepla::log::Logger {
+class AtFlowBoxV2 : public AtFlowBoxIfc {
 public:
-    AtFlowBoxV2();
-
     bool isHoldFlowIndependent() const override { return true; }
     bool canReadBackValves() const override { return true; }
     unsigned char toHardwareFlowIndex(unsigned char aSwFlowIndex, bool aHoldFlow) override;

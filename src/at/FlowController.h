@@ -16,6 +16,7 @@
 
 class ATFlowTable;
 class AtFlowBoxIfc;
+struct ActualFlow;
 class TempBoardQ47Ifc;
 class TemperatureListenerInterface;
 namespace velmor::kepla::datalogger {
@@ -100,12 +101,14 @@ public:
 private:
     using Channel = std::shared_ptr<velmor::kepla::datalogger::DataLoggerChannelIfc>;
 
-    void setFlowState(FlowState aState);
-    void setFlowError();
     bool setFlow(unsigned char aFlowIndex, bool aHoldFlow, bool aAllowHold);
     bool setFlowAndVerify(unsigned char aSwFlowIndex, bool aHoldFlow);
-    void restoreUserFlow();
+    void applyUserFlow();
+    void noteChange(unsigned char aHw, ActualFlow const& aActual);
     void restoreGas(bool aIsHoldFlowEnabled);
+    void setFlowState(FlowState aState);
+    void setFlowError();
+    void tellFlow(double aFlow, bool aIsOn);
     void push(Channel const& aChannel, double aValue) const;
 
     std::chrono::milliseconds const mHoldDuration{300}; ///< Until the hold gas has opened the way.
