@@ -2,6 +2,7 @@
 // The communication objects that both kinds of boards have, after CiA 301.
 #pragma once
 
+#include "simulator/boards/BoardState.h"
 #include "simulator/boards/ObjectDictionary.h"
 
 #include <array>
@@ -82,6 +83,15 @@ inline constexpr std::array kProgramObjects{
     ObjectRow{
         0x200D, 1, 1, ObjectType::Text, ObjectAccess::ReadOnly, "version of the bootloader", 0, {}, "1.4.0"},
     ObjectRow{0x200D, 2, 2, ObjectType::Text, ObjectAccess::ReadOnly, "version of the program"},
+};
+
+/// Record and log.
+inline constexpr std::array kServiceObjects{
+    ObjectRow{0x2200, 0, 0, ObjectType::U8, ObjectAccess::ReadOnly, "record: highest subindex", 1},
+    ObjectRow{0x2200, 1, 1, ObjectType::Domain, ObjectAccess::ReadWrite, "record text", 0,
+              ObjectRange{0, BoardState::kLargestRecord}},
+    ObjectRow{0x2201, 0, 0, ObjectType::U8, ObjectAccess::ReadOnly, "log: highest subindex", 1},
+    ObjectRow{0x2201, 1, 1, ObjectType::Domain, ObjectAccess::ReadOnly, "log, one message a line"},
 };
 
 } // namespace libfieldwarden::sim

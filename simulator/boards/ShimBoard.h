@@ -3,13 +3,10 @@
 // them.
 #pragma once
 
-#include "simulator/boards/BoardModelIfc.h"
+#include "simulator/boards/BoardBase.h"
 #include "simulator/boards/FirstOrderLag.h"
-#include "simulator/boards/ObjectDictionary.h"
-#include "simulator/boards/ProgramImage.h"
 #include "simulator/boards/ShimBoardState.h"
 
-#include <velmor/kepla/log/Logger.h>
 #include <velmor/platform/Clock.h>
 
 #include <array>
@@ -17,13 +14,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <optional>
 #include <random>
 #include <span>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -47,19 +40,12 @@ enum class SourceError : std::uint8_t {
 /// The linear outputs turn their dropout voltage into heat, by which the five sensors warm up with time
 /// constants of minutes. Above 85 degrees Celsius on the heatsink all sources go off until it is down at 75.
 ///
-/// A restart loses the currents: they are 0 after it. The end of the simulation is none: the board is as
-/// hardware that stays switched on, and its currents, program and record are in a file from which the next
-/// one goes on.
-///
-/// The program can be replaced: stopped, the board runs its bootloader, which knows the objects up to 0x1FFF
-/// and 0x200A to 0x200D only; cleared, it takes a ProgramImage, checks it, and runs it when started.
+/// A restart loses the currents: they are 0 after it. From one run of the program to the next they stay, with
+/// the rest of the state.
 ///
 /// All operations may be called from any thread. They block for the disk where they change the state.
-class ShimBoard final : public BoardModelIfc, private virtual velmor::kepla::log::Logger {
+class ShimBoard final : public BoardBase {
 public:
-    using Clock = velmor::platform::Clock;
-    using SdoObject = velmor::kepla::canopen::SdoObject;
-
     static constexpr std::size_t kSources = ShimBoardState::kSources;
     static constexpr std::size_t kSensors = 5;
     static constexpr std::int32_t kStepUA = 2;
@@ -72,10 +58,6 @@ public:
 
     static constexpr Clock::Duration kSettlingTime =
         std::chrono::microseconds(500); ///< Time constant of a source.
-    static constexpr Clock::Duration kStartTime = std::chrono::milliseconds(300);
-    static constexpr Clock::Duration kClearTime = std::chrono::milliseconds(800);
-    static constexpr Clock::Duration kCheckTime =
-        std::chrono::milliseconds(200); ///< For a new program image.
     static constexpr double kTooHotCelsius = 85.0;
     static constexpr double kCoolAgainCelsius = 75.0;
 
@@ -92,19 +74,8 @@ public:
     explicit ShimBoard(Options const& aOptions, Clock& aClock = Clock::current());
 
     // The bus.
-    std::uint32_t read(SdoObject aObject, std::vector<std::uint8_t>& aData) override;
-    std::uint32_t write(SdoObject aObject, std::span<std::uint8_t const> aData) override;
-    std::unique_ptr<velmor::kepla::canopen::ObjectWriteStream> openStream(
-        SdoObject aObject, std::optional<std::uint32_t> aSize) override;
-    void restart(Start aWhy) override;
-    void resetCommunication() override;
     TimePoint advance(TimePoint aNow) override;
     TimePoint answerTime() const override;
-    bool takeRestartRequest() override;
-    std::vector<Emergency> takeEmergencies() override;
-    Duration heartbeatPeriod() const override;
-    Duration startTime() const override { return kStartTime; }
-    void setWaker(std::function<void()> aWake) override;
 
     // The physics around the board.
     /// @return The currents that flow now, in A, source 1 first: what the magnet sees.
@@ -123,17 +94,8 @@ public:
     /// @throws std::out_of_range      for another source.
     /// @throws std::invalid_argument  for OverTemperature, which heat alone makes.
     void failSource(std::size_t aSource, SourceError aError);
-    /// Sends an emergency that has no other consequence than an entry in 0x1003.
-    void raiseEmergency(Emergency const& aEmergency);
-
-    /// @return All objects and their rows, whatever the bootloader hides.
-    ObjectDictionary const& dictionary() const noexcept { return mDictionary; }
-    /// @return Whether the program runs, and not the bootloader.
-    bool programRuns() const;
 
 private:
-    class ImageStream;
-
     struct Source {
         std::int32_t setpointUA = 0;
         FirstOrderLag currentUA{kSettlingTime, 0.0};
@@ -141,12 +103,12 @@ private:
         SourceError reported = SourceError::None;
     };
 
-    void describe();
+    BoardState& state() override { return mState; }
+    void loadState(std::filesystem::path const& aFile) override;
+    void storeState(std::filesystem::path const& aFile) override;
+    void onRestart(TimePoint aNow) override;
+    std::uint8_t errorBits() const override;
     void bindObjects();
-    void bindProgram();
-    void loadState(std::filesystem::path const& aFile);
-    void saveState();
-    void note(std::string const& aText);
 
     std::uint32_t setCurrents(std::span<std::uint8_t const> aData);
     void applySetpoint(Source& aSource, TimePoint aNow);
@@ -154,51 +116,16 @@ private:
     std::int64_t measuredTemperature(std::size_t aSensor);
     SourceError errorOf(Source const& aSource) const;
     void reportErrors();
-    std::uint8_t errorRegister() const;
-    void report(std::uint16_t aCode, std::array<std::uint8_t, 5> const& aManufacturer);
-    void remember(Emergency const& aEmergency);
     double powerWatt() const;
     void heat(TimePoint aNow);
-    void wake();
 
-    void start(Start aWhy);
-    std::uint32_t controlProgram(std::int64_t aCommand);
-    void clearFlash();
-    std::uint32_t beginImage();
-    void checkImage(std::span<std::uint8_t const> aPacked);
-    bool flashBusy() const;
-    std::uint32_t flashStatus() const;
-
-    std::uint8_t const mNode;
-    std::filesystem::path const mStateFile;
-    Clock& mClock;
-
-    mutable std::mutex mMutex; ///< Guards all below.
-    ObjectDictionary mDictionary;
     ShimBoardState mState;
     std::array<Source, kSources> mSources;
     std::vector<FirstOrderLag> mSensors; ///< In degrees Celsius.
     double mAmbientCelsius;
     bool mTooHot = false;
     std::mt19937_64 mNoise;
-    std::string mLog;
-    bool mCalibrated = true;
-    bool mSaveFailed = false;
-
-    bool mProgramRuns = true;
-    bool mProgramWanted = true; ///< Whether the program, and not the bootloader, starts next.
-    FlashError mFlashError = FlashError::None;
-    TimePoint mFlashBusyUntil;
-    bool mCleared = false; ///< The flash is empty and waits for an image.
-    TimePoint mStartedAt;
-    Start mStartReason = Start::PowerOn;
-    std::uint32_t mEmergencyCount = 0;
-
     TimePoint mAnswerTime;
-    bool mRestartRequest = false;
-    std::vector<Emergency> mEmergencies;
-    std::mutex mWakeMutex; ///< Held while the waker runs; never together with the other one.
-    std::function<void()> mWake;
 };
 
 } // namespace libfieldwarden::sim
