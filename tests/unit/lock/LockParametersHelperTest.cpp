@@ -24,7 +24,6 @@ using libfieldwarden::test::HandClockScope;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::Severity;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using velmor::kepla::datalogger::DataLoggerChannelInfo;
 using velmor::kepla::datalogger::DataLoggerInterface;
 using velmor::kepla::datalogger::DataLoggerStorageType;

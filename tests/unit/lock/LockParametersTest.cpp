@@ -19,6 +19,7 @@
 
 #include <sys/stat.h>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 namespace {
@@ -338,7 +339,7 @@ TEST_F(LockParametersTest, RefusesAFileWithAnIncompleteSet) {
 TEST_F(LockParametersTest, RefusesEveryIncompleteSet) {
     for (std::string const set : {"pid.normal", "pid.slow", "pid.fast", "shimCoilTargetTemperature"}) {
         for (std::string const terms : {"p=1", "i=1", "d=1", "p=1\ni=1", "p=1\nd=1", "i=1\nd=1"}) {
-            std::string const words = refused("[" + set + "]\n" + terms + "\n");
+            std::string const words = refused(fmt::format("[{}]\n{}\n", set, terms));
             EXPECT_THAT(words, HasSubstr(" PID set is not complete. You need to define P, I and D values"))
                 << set << ' ' << terms;
         }
@@ -358,7 +359,8 @@ TEST_F(LockParametersTest, RefusesValuesThatAreNoNumbers) {
           "[shimCoilTargetTemperature]\nffOffset"}) {
         for (std::string const value :
              {"", "abc", "1,5", "1.5x", "1 2", "1e999", "0x10", "nan", "inf", "+-1", "--1", "+"}) {
-            EXPECT_THAT(refused(key + " = " + value + "\n"), HasSubstr("\nError was ")) << key << value;
+            EXPECT_THAT(refused(fmt::format("{} = {}\n", key, value)), HasSubstr("\nError was "))
+                << key << value;
         }
     }
 }
@@ -410,10 +412,7 @@ TEST_F(LockParametersTest, ReadsThePointInNumbersWhateverTheHostsLanguage) {
 TEST_F(LockParametersTest, RefusesLinesThatAreNoLines) {
     EXPECT_THAT(refused("[threshold]\nlocked 1000\n"), HasSubstr("locked 1000"));
     EXPECT_THAT(refused("[threshold\nlocked = 1\n"), HasSubstr("\nError was "));
-    EXPECT_THAT(refused(std::string("\x7f"
-                                    "ELF\x01\x02\0\0\xff\n\xfe",
-                                    12)),
-                HasSubstr("\nError was "));
+    EXPECT_THAT(refused({0x7F, 'E', 'L', 'F', 1, 0, 2, '\n', 0x1A, 0, 3}), HasSubstr("\nError was "));
 }
 
 TEST_F(LockParametersTest, RefusesAKeyThatStandsTwice) {

@@ -53,8 +53,8 @@ TEST_F(LockWindowTest, SetsTheZerosAndLoadsTheWholeFile) {
 
 TEST_F(LockWindowTest, HasNoWindowForAnotherNumberOfZeros) {
     writeFile(mDirectory.path() / "usr/share/firmware/Q47Lock/window.bin", "12345");
-    for (unsigned short const zeros : std::initializer_list<unsigned short>{
-             0xFE6D, 0, 0xFC10, 0xFFFF}) { // the first is the one that the words name
+    // The first is the one that the words name.
+    for (auto const zeros : std::initializer_list<unsigned short>{0xFE6D, 0, 0xFC10, 0xFFFF}) {
         expectThrow<std::invalid_argument>(
             [&] { mWindow.load(zeros); },
             "Current lock window implementation only supports FFT Zero padding of 0xFE6D");
