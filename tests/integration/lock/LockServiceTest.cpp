@@ -58,16 +58,18 @@ public:
     void updateLockPIDSet(int aPIDSet) override { add("pidset " + std::to_string(aPIDSet)); }
     void lost(int aStatus) override { add("lost " + std::to_string(aStatus)); }
 
-    /// @return Whether a call that begins so has come since forget().
-    bool await(std::string const& aPrefix) { return awaitAny({aPrefix}); }
-    bool awaitAny(std::vector<std::string> const& aPrefixes) {
+    /// @return Whether a call that begins so has come since forget(); what came instead, if not.
+    testing::AssertionResult await(std::string const& aPrefix) { return awaitAny({aPrefix}); }
+    testing::AssertionResult awaitAny(std::vector<std::string> const& aPrefixes) {
         std::unique_lock lock(mMutex);
-        return mNews.wait_for(lock, seconds(100), [&] {
+        bool const came = mNews.wait_for(lock, seconds(100), [&] {
             return std::any_of(mHeard.begin(), mHeard.end(), [&](std::string const& aCall) {
                 return std::any_of(aPrefixes.begin(), aPrefixes.end(),
                                    [&](std::string const& aPrefix) { return aCall.starts_with(aPrefix); });
             });
         });
+        return came ? testing::AssertionSuccess()
+                    : testing::AssertionFailure() << "heard " << testing::PrintToString(mHeard);
     }
     std::vector<std::string> heard() {
         std::lock_guard const lock(mMutex);

@@ -85,6 +85,31 @@ struct Worked : StartAndStopIfc {
     std::atomic<int> stops{0};
 };
 
+/// Parameters that let a test wait until the machine has looked for the magnet's frequency.
+class WatchedParameters : public LockParameters {
+public:
+    WatchedParameters()
+        : Logger("LockParameters", "")
+        , LockParameters("/nowhere/lock.config") {}
+
+    double magnet1HFrequency() const override {
+        double const hertz = LockParameters::magnet1HFrequency();
+        std::lock_guard const lock(mMutex);
+        ++mLooks;
+        mLooked.notify_all();
+        return hertz;
+    }
+    void awaitLook() {
+        std::unique_lock lock(mMutex);
+        mLooked.wait(lock, [this] { return mLooks > 0; });
+    }
+
+private:
+    mutable std::mutex mMutex;
+    mutable std::condition_variable mLooked;
+    mutable int mLooks = 0;
+};
+
 /// The machine on workflows and streams of the test's making.
 class TestedFSM : public LockFSM {
 public:
@@ -119,7 +144,7 @@ protected:
     Heard mHeard;
     std::shared_ptr<Worked> mWorkflows = std::make_shared<Worked>();
     std::shared_ptr<Worked> mStreams = std::make_shared<Worked>();
-    std::shared_ptr<LockParameters> mParameters = std::make_shared<LockParameters>("/nowhere/lock.config");
+    std::shared_ptr<WatchedParameters> mParameters = std::make_shared<WatchedParameters>();
     std::shared_ptr<LockListenerSync> mListener = std::make_shared<LockListenerSync>();
     std::function<void()> mEndSteps = [] {};
     std::unique_ptr<TestedFSM> mFSM;
@@ -165,6 +190,7 @@ TEST_F(LockFSMTest, StartsByItselfWhenToldSo) {
 TEST_F(LockFSMTest, RestsUntilTheMagnetsFrequencyIsTold) {
     make();
     mFSM->start();
+    mParameters->awaitLook();
     mFSM->notifyPIDSetChanged(); // is lost there
     known();
     mFSM->notifyMagnetFrequencyHasBeenSet();
