@@ -147,17 +147,6 @@ TEST_F(ATControllerTest, TakesANumberThatIsNoModeOfTheBoardForNoOption) {
     }
 }
 
-TEST_F(ATControllerTest, SaysWhereItDrivesNoFlowBoxYet) {
-    for (std::string const& text : {std::string("<record/>"), record("1")}) {
-        SCOPED_TRACE(text);
-        mLog.clear();
-        mBoard->takeCalls();
-        EXPECT_FALSE(make(text)->hasAT());
-        EXPECT_EQ(mLog.linesUpTo(Severity::Warning).size(), 1U);
-        EXPECT_THAT(mBoard->takeCalls(), ElementsAre("setVTMode(0)", "setupSavedOnEEPROM()"));
-    }
-}
-
 TEST_F(ATControllerTest, PassesOnThatTheBoardCannotBeSetUp) {
     for (char const* const call : {"setVTMode", "setupSavedOnEEPROM", "saveSetupToEEPROM"}) {
         SCOPED_TRACE(call);
