@@ -12,7 +12,8 @@ endfunction()
 #
 #   fieldwarden_test(platform_log_test SOURCES LoggerTest.cpp USES … [LABELS …] [LOCKS …])
 #
-# LOCKS names things of the machine that one test at a time may use.
+# LOCKS names things of the machine that one test at a time may use. Every test that opens the library on a simulated
+# instrument, or makes /tmp/lockmock, takes `instrument`.
 function(fieldwarden_test name)
     cmake_parse_arguments(TEST "" "" "SOURCES;USES;LABELS;LOCKS" ${ARGN})
     add_executable(${name} ${TEST_SOURCES})
