@@ -89,7 +89,7 @@ struct Worked : StartAndStopIfc {
 class WatchedParameters : public LockParameters {
 public:
     WatchedParameters()
-        : Logger("LockParameters", "")
+        : ::velmor::kepla::log::Logger("LockParameters", "")
         , LockParameters("/nowhere/lock.config") {}
 
     double magnet1HFrequency() const override {
