@@ -23,8 +23,10 @@ public:
     virtual std::uint8_t index(TimePoint aNow) const = 0;
     /// @return The flow to the probe, hold flow included, in l/h.
     virtual double literPerHour(TimePoint aNow) const = 0;
-    /// @return The engineering change level by which the board takes a box for what it is: 10 for the first
-    ///         generation, 20 and 30 for the second, 99 when no box answers.
+    /// @return Whether the gas is on its way: it flows already or is about to, by valves that are open.
+    virtual bool isOpen(TimePoint aNow) const { return literPerHour(aNow) > 0.0; }
+    /// @return The engineering change level by which the board takes a box on the port expander for what it
+    ///         is: 10 for its first version, 20 and 30 for its second, 99 when none answers.
     virtual std::uint8_t ecl() const = 0;
 };
 

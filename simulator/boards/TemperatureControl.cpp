@@ -106,7 +106,7 @@ bool TemperatureControl::heats() const {
 }
 
 void TemperatureControl::watch(TimePoint aNow) {
-    mWatch.update(aNow, heats(), mGas->literPerHour(aNow) > 0.0, mModel.temperatures().spiral);
+    mWatch.update(aNow, heats(), mGas->isOpen(aNow), mModel.temperatures().spiral);
 }
 
 void TemperatureControl::command(TimePoint aNow, Settings const& aSettings) {
