@@ -3,6 +3,7 @@
 #include "simulator/boards/FlowBox.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 namespace libfieldwarden::sim {
@@ -16,8 +17,8 @@ constexpr std::uint8_t kKnobAway = 100;  ///< Added by V2.
 constexpr std::uint8_t kEclV1 = 10;
 constexpr std::uint8_t kEclV2 = 20;
 
-/// What still comes out of closed valves counts as nothing below it.
-constexpr double kNothingLiterPerHour = 0.5;
+/// So near to what the valves come to, the flow is there: what asks for it sees few different ones.
+constexpr double kThereLiterPerHour = 0.5;
 
 /// @return The byte of a knob's position, without the mark of V2.
 constexpr std::uint8_t indexOf(FlowBox::Knob aPosition) {
@@ -121,7 +122,7 @@ std::uint8_t FlowBox::index(TimePoint /*aNow*/) const {
 double FlowBox::literPerHour(TimePoint aNow) const {
     std::lock_guard const lock(mMutex);
     double const flow = mFlow.value(std::max(aNow, mChangedAt));
-    return mFlow.target() == 0.0 && flow < kNothingLiterPerHour ? 0.0 : flow;
+    return std::abs(flow - mFlow.target()) < kThereLiterPerHour ? mFlow.target() : flow;
 }
 
 bool FlowBox::isOpen(TimePoint aNow) const {

@@ -592,6 +592,7 @@ void TemperatureBoard::failSensor(TemperatureSensor aSensor, SensorFault aFault)
         if (mControl->fault(aSensor) == aFault) {
             return;
         }
+        catchUp(mClock.now()); // What was measured until now was measured without it.
         mControl->setFault(aSensor, aFault);
         report(aFault == SensorFault::None ? kNoError : kHardware,
                {static_cast<std::uint8_t>(aSensor), static_cast<std::uint8_t>(aFault)});

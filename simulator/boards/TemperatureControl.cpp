@@ -204,7 +204,8 @@ void TemperatureControl::measure() {
     values[placeOf(Exhaust)] = is.exhaust;
     for (std::size_t each = 0; each < kSensors; ++each) {
         // Drawn for broken sensors as well, so that a fault does not change the noise of the others.
-        double const reading = values[each] + kSensorRows[each].noiseKelvin * mNoise(mRandom);
+        double const noisy = values[each] + kSensorRows[each].noiseKelvin * mNoise(mRandom);
+        double const reading = std::clamp(noisy, kSensorRows[each].shorted, kSensorRows[each].open);
         mMeasured[each] = mFaults[each] == SensorFault::Open    ? kSensorRows[each].open
                           : mFaults[each] == SensorFault::Short ? kSensorRows[each].shorted
                                                                 : reading;
