@@ -31,6 +31,7 @@ using std::chrono::milliseconds;
 using velmor::kepla::datalogger::DataLoggerInterface;
 using velmor::kepla::log::Severity;
 using velmor::kepla::mds::Mds;
+using velmor::kepla::utils::PeriodicCallerIfc;
 using velmor::kepla::utils::PeriodicCallerManagerIfc;
 using velmor::platform::Clock;
 
@@ -48,6 +49,28 @@ enum class FlowBoxEcl : unsigned char {
     V2Later = 30,
     NotConnected = 99,
     NotEnabled = 255,
+};
+
+/// Lets periodic calls through only when all is there that they need: until then they are left out.
+class GatedCallers final : public PeriodicCallerManagerIfc {
+public:
+    explicit GatedCallers(std::shared_ptr<PeriodicCallerManagerIfc> aCallers)
+        : mCallers(std::move(aCallers)) {}
+
+    std::unique_ptr<PeriodicCallerIfc> createPeriodicCaller(double aPeriodSeconds,
+                                                            std::function<void()> aCallback) override {
+        return mCallers->createPeriodicCaller(aPeriodSeconds,
+                                              [open = mOpen, callback = std::move(aCallback)] {
+                                                  if (*open) {
+                                                      callback();
+                                                  }
+                                              });
+    }
+    void open() { *mOpen = true; }
+
+private:
+    std::shared_ptr<PeriodicCallerManagerIfc> mCallers;
+    std::shared_ptr<std::atomic<bool>> mOpen = std::make_shared<std::atomic<bool>>(false);
 };
 
 } // namespace
@@ -101,9 +124,12 @@ void ATController::detectOption(std::string const& aVtuMds,
     try {
         Mds const mds = Mds::parse(aVtuMds);
         if (auto box = detectFlowBox(mds)) {
+            // A poll of the flow box that comes while a slow board answers must not find half a table.
+            auto const callers = std::make_shared<GatedCallers>(aPeriodicCallers);
             mFlowController = std::make_shared<FlowController>(mBoard, mFlowTable, mListener, std::move(box),
-                                                               aPeriodicCallers, aDataLogger);
+                                                               callers, aDataLogger);
             mFlowTable->setTableFromMDS(mds);
+            callers->open();
         }
     } catch (std::exception const& error) {
         keplaDoLog(Severity::Error,
