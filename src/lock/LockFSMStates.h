@@ -19,17 +19,23 @@
 class LockListenerSync;
 class LockParametersInterface;
 
-// All states are outermost ones, and all work is done in their constructors. A cell that is not listed
-// discards its event; "again" is a real re-entry.
+// All states are outermost ones, and all work is done in their constructors. A dash discards its event;
+// "again" is a real re-entry. "Waiting" stands for WaitingForMagnetFrequency, "Frequency" for
+// EvGotMagnetFrequency and "PIDSet" for EvGotPIDSetChanged.
 //
-//   state \ event             Start    Stop     Started Stopped Reset   GotMagnetFrequency GotPIDSetChanged
-//   HardwareError Stopped                   Waiting  again                    again   again again
-//   HardwareError WaitingForMagnetFrequency          Stopped                  Stopped Starting HardwareError
-//   Starting                           Stopping Started         Stopped Restarting         Restarting
-//   HardwareError Started                            Stopping                 Stopped Restarting Restarting
-//   HardwareError Stopping                           again            Stopped Stopped HardwareError
-//   Restarting                Waiting  Stopping         Stopped Stopped again              again
-//   HardwareError HardwareError             Waiting  Stopped                  Stopped again again again
+// clang-format off
+//
+//   state \ event | Start    Stop      Started  Stopped  Reset    Frequency   PIDSet      HardwareError
+//   --------------+------------------------------------------------------------------------------------
+//   Stopped       | Waiting  again     -        -        again    again       again       HardwareError
+//   Waiting       | -        Stopped   -        -        Stopped  Starting    -           HardwareError
+//   Starting      | -        Stopping  Started  -        Stopped  Restarting  Restarting  HardwareError
+//   Started       | -        Stopping  -        -        Stopped  Restarting  Restarting  HardwareError
+//   Stopping      | -        again     -        Stopped  Stopped  -           -           HardwareError
+//   Restarting    | Waiting  Stopping  -        Stopped  Stopped  again       again       HardwareError
+//   HardwareError | Waiting  Stopped   -        -        Stopped  again       again       again
+//
+// clang-format on
 //
 // A reset leaves `Started` without stopping anything, and so do a stop and a reset the state `HardwareError`:
 // the next start resets the hardware.

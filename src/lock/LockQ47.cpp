@@ -198,8 +198,7 @@ void LockQ47::cancelOfOneParameterSet() {
     keplaDoLog(Severity::Info, "cancelOfOneParameterSet: not yet implemented", {});
 }
 
-// ------------------------------------------------------------------------------------------ listener and
-// warnings
+// ----------------------------------------------------------------------------------- listener and warnings
 
 void LockQ47::setListener(LockInterfaceListener* aListener) {
     mListener->setListener(aListener);
@@ -247,8 +246,7 @@ std::string LockQ47::lockDACRangeWarningMessage() const {
         sign < 0 ? "+" : "-", newFrequencyMHz);
 }
 
-// ------------------------------------------------------------------------------------------ for the
-// temperature
+// ------------------------------------------------------------------------------------- for the temperature
 
 bool LockQ47::shimCoilTargetTemperatureRegulationArmed() const {
     return mRegulator->armed();
@@ -333,8 +331,7 @@ void LockQ47::setProgressListener(LockProgressListener aListener) {
     mFSM->setProgressObserver(observer(std::move(aListener)));
 }
 
-// ------------------------------------------------------------------------------------------ fixed and kept
-// values
+// ----------------------------------------------------------------------------------- fixed and kept values
 
 float LockQ47::getMagnetField() {
     return 3.1415F;

@@ -22,9 +22,8 @@ public:
     double linearRegressionSlope(std::vector<int> const& data, unsigned int begin, unsigned int count);
 
     /// Finds the first zero crossing between the least and the greatest point and fits 32 points around it.
-    /// @param data  Imaginary part of the spectrum in the FFT's order: 0 Hz first, negative frequencies in
-    /// the
-    ///              second half. At least 32 points.
+    /// @param data  Imaginary part of the spectrum in the FFT's order: 0 Hz first, negative frequencies
+    ///              in the second half. At least 32 points.
     /// @return The slope in counts per point.
     /// @throws std::invalid_argument  when there are too few points, or no crossing.
     /// @throws std::out_of_range      when the crossing is nearer than 16 points to an end.
