@@ -22,9 +22,9 @@ using enum TemperatureSensor;
 
 namespace {
 
-constexpr std::uint32_t kFactoryLength =
-    24'624; ///< Of the unpacked image of simulator/data/firmware/temperature.
-constexpr std::uint32_t kFactoryCrc = 0;
+// Of the unpacked image of simulator/data/firmware/temperature.
+constexpr std::uint32_t kFactoryLength = 24'624;
+constexpr std::uint32_t kFactoryCrc = 0x30E1'0559;
 
 // Emergencies (CiA 301 table 26) and the bits of the error register.
 constexpr std::uint16_t kNoError = 0x0000;

@@ -19,6 +19,9 @@ std::span<EmbeddedFile const> matrixFiles();
 /// @return The firmware of the shim boards with its "build.info".
 std::span<EmbeddedFile const> shimFirmwareFiles();
 
+/// @return The firmware of the temperature board with its "build.info".
+std::span<EmbeddedFile const> tempFirmwareFiles();
+
 /// @return Program and window of the lock sequencer.
 std::span<EmbeddedFile const> lockFirmwareFiles();
 

@@ -58,7 +58,7 @@ Instrument::Instrument(Options const& aOptions)
           velmor::kepla::canopen::InProcessBusSettings{}, *mClock)) {
     makeFolders();
     writeFiles();
-    switchBoardsOn(aOptions.seed);
+    switchBoardsOn(aOptions);
     wireMagnet();
 }
 
@@ -80,7 +80,8 @@ void Instrument::writeFiles() const {
     };
     for (Delivery const& delivery :
          {Delivery{matrixFiles(), mFolders.config / "matrices"},
-          Delivery{shimFirmwareFiles(), mFolders.shimFirmware}, Delivery{factoryFiles(), mFolders.factory},
+          Delivery{shimFirmwareFiles(), mFolders.shimFirmware},
+          Delivery{tempFirmwareFiles(), mFolders.tempFirmware}, Delivery{factoryFiles(), mFolders.factory},
           Delivery{lockFirmwareFiles(), mFolders.lockFirmware}}) {
         for (EmbeddedFile const& file : delivery.files) {
             writeUnlessThere(delivery.folder / file.name,
@@ -89,20 +90,33 @@ void Instrument::writeFiles() const {
     }
 }
 
-void Instrument::switchBoardsOn(std::uint64_t aSeed) {
+void Instrument::switchBoardsOn(Options const& aOptions) {
     for (std::uint8_t const node : {std::uint8_t{8}, std::uint8_t{9}}) {
         std::string const name = "shim-board-" + std::to_string(node);
         auto const board = std::make_shared<ShimBoard>(
             ShimBoard::Options{
-                .node = node, .stateFile = mFolders.boards / (name + ".json"), .seed = aSeed + node},
+                .node = node, .stateFile = mFolders.boards / (name + ".json"), .seed = aOptions.seed + node},
             *mClock);
         mShimBoards.push_back(board);
         mShimNodes.push_back(std::make_unique<CanNode>(mCanBus->open(name), node, board, *mClock));
     }
+    constexpr std::uint8_t kTemperatureNode = 7;
+    std::string const name = "temperature-board-7";
+    mFlowBox = std::make_shared<FlowBox>(aOptions.flowBox, *mClock);
+    mTemperatureBoard = std::make_shared<TemperatureBoard>(
+        TemperatureBoard::Options{.node = kTemperatureNode,
+                                  .stateFile = mFolders.boards / (name + ".json"),
+                                  .seed = aOptions.seed + kTemperatureNode,
+                                  .room = aOptions.room,
+                                  .cold = aOptions.cold,
+                                  .gas = mFlowBox},
+        *mClock);
+    mTemperatureNode =
+        std::make_unique<CanNode>(mCanBus->open(name), kTemperatureNode, mTemperatureBoard, *mClock);
 }
 
-/// The magnet feels what the boards drive. It keeps the boards, since the sequencer may outlive the
-/// instrument.
+/// The magnet feels what the boards drive and hold. It keeps the shim boards, since the sequencer may outlive
+/// the instrument; the temperature board keeps it.
 void Instrument::wireMagnet() const {
     mMagnet->setCurrentSource([boards = mShimBoards] {
         Magnet::Currents currents{};
@@ -112,6 +126,10 @@ void Instrument::wireMagnet() const {
             place = std::copy(driven.begin(), driven.end(), place);
         }
         return currents;
+    });
+    mTemperatureBoard->setFieldObserver([magnet = mMagnet](double aMagnetKelvin, double aShimCoilKelvin) {
+        magnet->setMagnetTemperature(aMagnetKelvin);
+        magnet->setShimCoilTemperature(aShimCoilKelvin);
     });
 }
 

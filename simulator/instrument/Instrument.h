@@ -3,10 +3,13 @@
 #pragma once
 
 #include "simulator/boards/CanNode.h"
+#include "simulator/boards/FlowBox.h"
 #include "simulator/boards/ShimBoard.h"
+#include "simulator/boards/TemperatureBoard.h"
 #include "simulator/magnet/Magnet.h"
 #include "simulator/mainboard/Mainboard.h"
 #include "simulator/sequencer/SequencerDriver.h"
+#include "simulator/thermal/DailyAmbient.h"
 
 #include <velmor/kepla/canopen/InProcessBus.h>
 #include <velmor/platform/Clock.h>
@@ -45,6 +48,9 @@ public:
         double timeScale = 1.0;       ///< Instrument seconds in a real second.
         std::uint64_t seed = 1;       ///< Of all noise: the same seed and the same script give the same run.
         Magnet::Options magnet = {};
+        DailyAmbient room = {}; ///< The air that the instrument stands in.
+        bool cold = false;      ///< All bodies start at room temperature, not on their targets.
+        FlowBox::Options flowBox = {};
         /// Who moves the lock sequencer on; by hand only in tests of it.
         SequencerDriver::Pace sequencerPace = SequencerDriver::Pace::Clock;
     };
@@ -68,12 +74,17 @@ public:
     std::shared_ptr<ShimBoard> shimBoard(std::size_t aNumber) const { return mShimBoards.at(aNumber - 1); }
     /// @return What goes wrong between a shim board and the bus.
     BoardFaults& shimBoardFaults(std::size_t aNumber) { return mShimNodes.at(aNumber - 1)->faults(); }
+    std::shared_ptr<TemperatureBoard> temperatureBoard() const noexcept { return mTemperatureBoard; }
+    /// @return What goes wrong between the temperature board and the bus.
+    BoardFaults& temperatureBoardFaults() noexcept { return mTemperatureNode->faults(); }
+    /// @return The valves of the probe's gas, with their knob.
+    std::shared_ptr<FlowBox> flowBox() const noexcept { return mFlowBox; }
     velmor::kepla::canopen::InProcessBus& canBus() const noexcept { return *mCanBus; }
 
 private:
     void makeFolders() const;
     void writeFiles() const;
-    void switchBoardsOn(std::uint64_t aSeed);
+    void switchBoardsOn(Options const& aOptions);
     void wireMagnet() const;
 
     Folders mFolders;
@@ -83,7 +94,11 @@ private:
     std::shared_ptr<SequencerDriver> mSequencer;
     std::unique_ptr<velmor::kepla::canopen::InProcessBus> mCanBus;
     std::vector<std::shared_ptr<ShimBoard>> mShimBoards;
-    std::vector<std::unique_ptr<CanNode>> mShimNodes; ///< Last, so that the boards are switched off first.
+    std::shared_ptr<FlowBox> mFlowBox;
+    std::shared_ptr<TemperatureBoard> mTemperatureBoard;
+    // Last, so that the boards are switched off first.
+    std::vector<std::unique_ptr<CanNode>> mShimNodes;
+    std::unique_ptr<CanNode> mTemperatureNode;
 };
 
 } // namespace libfieldwarden::sim
