@@ -2,19 +2,21 @@
 // How the instrument is put together, in the order that its parts need, and what its getters answer.
 #include "interface/FieldwardenInterfaceQ47.h"
 
-#include "interface/NoTemperature.h"
 #include "interface/SampleRotationQ47.h"
 #include "lock/LockMock.h"
 #include "lock/LockParameters.h"
 #include "lock/LockQ47.h"
+#include "lock/hardware/LockHardwareHelper.h"
 #include "lock/hardware/LockQ47Hardware.h"
 #include "shim/ShimHardwareQ47.h"
+#include "temperature/TempBoardQ47.h"
+#include "temperature/TemperatureHardwareQ47.h"
 
 #include <fieldwarden/LockForTemperatureIfc.h>
-#include <fieldwarden/TemperatureInterface.h>
 #include <velmor/DeviceLogContributor.h>
 #include <velmor/kepla/canopen/CanOpenMaster.h>
 #include <velmor/kepla/datalogger/DataLoggerFactory.h>
+#include <velmor/kepla/deviceid/DeviceIdClient.h>
 #include <velmor/kepla/deviceid/DeviceIdServiceFactory.h>
 #include <velmor/kepla/utils/PeriodicCallerManager.h>
 #include <velmor/kepla/utils/WholeFile.h>
@@ -28,6 +30,7 @@
 using velmor::kepla::canopen::CanOpenMaster;
 using velmor::kepla::datalogger::DataLoggerFactory;
 using velmor::kepla::datalogger::DataLoggerInterface;
+using velmor::kepla::deviceid::DeviceIdClient;
 using velmor::kepla::deviceid::DeviceIdServiceFactory;
 using velmor::kepla::log::LoggerImpl;
 using velmor::kepla::log::Severity;
@@ -41,6 +44,7 @@ namespace {
 
 constexpr char const* kLockMockDirectory = "/tmp/lockmock";
 constexpr unsigned char kMasterNodeId = 1;
+constexpr unsigned char kTemperatureBoardNodeId = 7;
 constexpr int kNoRouterAddress = 0xff;
 
 } // namespace
@@ -50,7 +54,7 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
                                                  std::string const& aFactoryRoot,
                                                  std::string const& aShimFirmwareRoot,
                                                  std::string aTsConfigRoot,
-                                                 std::string const& /*aTempFirmwareRoot*/,
+                                                 std::string const& aTempFirmwareRoot,
                                                  std::string const& aDataRoot)
     : Logger("FieldwardenInterfaceQ47", "", std::make_shared<LoggerImpl>())
     , mCanIfc(std::move(aCanIfc))
@@ -81,9 +85,11 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
     auto const mainboard = MainboardClientFactory().mainboardClient();
 
     keplaDoLog(Severity::Info, "initializing temperature...", {});
+    initializeTemperature(aTempFirmwareRoot, channelCreator);
 
     keplaDoLog(Severity::Info, "initializing lock...", {});
     initializeLock(mainboard, channelCreator);
+    mTemperature->setLock(mLockForTemperature); // None with the mock lock.
 
     keplaDoLog(Severity::Info, "initializing sample rotation...", {});
     mSampleRotation = std::make_unique<SampleRotationQ47>();
@@ -99,6 +105,19 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
 
 FieldwardenInterfaceQ47::~FieldwardenInterfaceQ47() {
     keplaDoLog(Severity::Debug, "FieldwardenInterfaceQ47 destructor", {});
+    // The lock holds the temperature service: without this the two would keep each other for good.
+    mTemperature->setLock(nullptr);
+}
+
+void FieldwardenInterfaceQ47::initializeTemperature(
+    std::string const& aFirmwareRoot, std::shared_ptr<DataLoggerInterface> const& aChannelCreator) {
+    auto const board =
+        std::make_shared<TempBoardQ47>(mCanOpenMaster, mDeviceIdServiceFactory->deviceIdServiceContributor(),
+                                       aFirmwareRoot, kTemperatureBoardNodeId);
+    board->prepare();
+    mTemperature = std::make_shared<TemperatureHardwareQ47>(board, aChannelCreator, mPeriodicCallerManager,
+                                                            DeviceIdClient::make_client(),
+                                                            (mDeviceIdsDirectory / "vtu.mds").string());
 }
 
 void FieldwardenInterfaceQ47::initializeLock(std::shared_ptr<MainboardInterface> const& aMainboard,
@@ -116,8 +135,8 @@ void FieldwardenInterfaceQ47::initializeLock(std::shared_ptr<MainboardInterface>
     auto const parameters = std::make_shared<LockParameters>(mTsConfigRoot + "/lock.config");
     parameters->reload();
     auto const hardware = std::make_shared<LockQ47Hardware>(aMainboard);
-    auto const temperature = std::make_shared<libfieldwarden::NoTemperature>();
-    auto const lock = std::make_shared<LockQ47>(hardware, parameters, temperature, temperature, mShim,
+    LockHardwareHelper const helper(hardware, aChannelCreator);
+    auto const lock = std::make_shared<LockQ47>(hardware, parameters, mTemperature, mTemperature, mShim,
                                                 aChannelCreator, mPeriodicCallerManager, true);
     mLock = lock;
     mLockForTemperature = lock;
@@ -210,5 +229,6 @@ void FieldwardenInterfaceQ47::setLoggingTransferEnable(bool aEnable) {
 }
 
 void FieldwardenInterfaceQ47::createLog(std::string const& aPath, int /*aType*/, int /*aId*/) {
+    mTemperature->board()->dumpCANopenValues(aPath);
     mShim->dumpCANopenValues(aPath);
 }

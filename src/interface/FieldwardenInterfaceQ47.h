@@ -13,6 +13,7 @@
 class DeviceLogContributor;
 class LockForTemperatureIfc;
 class ShimHardwareQ47;
+class TemperatureHardwareQ47;
 namespace velmor::kepla::canopen {
 class CanOpenMaster;
 }
@@ -74,6 +75,9 @@ public:
     void createLog(std::string const& aPath, int aType, int aId);
 
 private:
+    void initializeTemperature(
+        std::string const& aFirmwareRoot,
+        std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> const& aChannelCreator);
     void initializeLock(
         std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> const& aMainboard,
         std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> const& aChannelCreator);
@@ -86,7 +90,7 @@ private:
     std::shared_ptr<ShimHardwareQ47> mShim;
     std::shared_ptr<LockInterface> mLock;
     std::shared_ptr<LockForTemperatureIfc> mLockForTemperature; ///< Stays null with the mock lock.
-    std::shared_ptr<TemperatureInterface> mTemperature;
+    std::shared_ptr<TemperatureHardwareQ47> mTemperature;
     std::unique_ptr<SampleRotationInterface> mSampleRotation;
     std::shared_ptr<velmor::kepla::canopen::CanOpenMaster> mCanOpenMaster;
     std::atomic<bool> mLoggingTransferEnable;
