@@ -25,6 +25,9 @@ std::span<EmbeddedFile const> tempFirmwareFiles();
 /// @return Program and window of the lock sequencer.
 std::span<EmbeddedFile const> lockFirmwareFiles();
 
+/// @return What the spectrometer application says of the lock.
+std::span<EmbeddedFile const> spectrometerFiles();
+
 /// @return The factory shims.
 std::span<EmbeddedFile const> factoryFiles();
 

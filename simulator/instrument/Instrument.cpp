@@ -82,7 +82,8 @@ void Instrument::writeFiles() const {
          {Delivery{matrixFiles(), mFolders.config / "matrices"},
           Delivery{shimFirmwareFiles(), mFolders.shimFirmware},
           Delivery{tempFirmwareFiles(), mFolders.tempFirmware}, Delivery{factoryFiles(), mFolders.factory},
-          Delivery{lockFirmwareFiles(), mFolders.lockFirmware}}) {
+          Delivery{lockFirmwareFiles(), mFolders.lockFirmware},
+          Delivery{spectrometerFiles(), mFolders.spectrometer}}) {
         for (EmbeddedFile const& file : delivery.files) {
             writeUnlessThere(delivery.folder / file.name,
                              {reinterpret_cast<char const*>(file.bytes.data()), file.bytes.size()});

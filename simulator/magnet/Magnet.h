@@ -40,8 +40,9 @@ public:
     static constexpr double kFluorineOverProton = 0.9407841;
     /// A thousandth a kelvin, downwards: rare earth magnets.
     static constexpr double kTemperatureCoefficient = -1.0e-3;
-    /// How much of a warmer shim coil arrives in the magnet.
-    static constexpr double kShimCoilShare = 0.1;
+    /// How much of a warmer shim coil arrives in the magnet: the half kelvin by which the lock may move it is
+    /// 6 kHz in 1H.
+    static constexpr double kShimCoilShare = 0.15;
     static constexpr double kReferenceKelvin = 298.15;
     /// What a count of the H0 converter does: 1,024 counts move the line by 68571428 / (2048 * 65536) Hz.
     /// The 2^23 counts of full scale are 4.185 kHz in 19F, 4.449 kHz in 1H.
@@ -52,7 +53,7 @@ public:
 
     struct Options {
         double protonHz = 80'123'400.0;         ///< At the reference temperature, at first.
-        double driftProtonHzPerSecond = -0.005; ///< 18 Hz an hour.
+        double driftProtonHzPerSecond = -0.06;  ///< 216 Hz an hour: more than the H0 range in a day.
         double t2Seconds = 0.020;               ///< Of the lock sample in an even field.
         ShimSystem system = ShimSystem::Wmxs1a; ///< The coils that are fitted.
         Harmonics raw = rawField();             ///< Of the magnet without shims.
