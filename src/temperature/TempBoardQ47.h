@@ -17,39 +17,39 @@
 /// The temperature board. Objects of its dictionary; "temperature" is in thousandths of a degree Celsius,
 /// "AT" what needs the adjustable temperature option:
 ///
-/// | Index  | Subindex | Access     | Type                | Meaning |
-/// |--------|----------|------------|---------------------|----------------------------------------------------|
-/// | 0x3001 | 1        | read       | U16 temperature     | magnet | | 0x3001 | 2 to 7   | read       | U16
-/// temperature     | magnet sensors 1 to 6                              | | 0x3002 | 1 to 6   | read       |
-/// U16 in mV           | magnet heaters                                     | | 0x3004 | 1        | write |
-/// U16 temperature     | magnet target, not converted from kelvin           | | 0x3004 | 2 to 8   | read |
-/// U16 temperature     | magnet targets 1 to 7                              | | 0x3101 | 1        | read |
-/// U16 temperature     | shim coils                                         | | 0x3101 | 2, 3     | read |
-/// U16 temperature     | shim sensors 1 and 2                               | | 0x3104 | 1 to 3   | read
-/// write | U16 temperature     | shim targets                                       | | 0x3201 | 1 to 6   |
-/// read       | U16 temperature     | iso box sensors; 1 stands for the iso box          | | 0x3201 | 6 |
-/// read       | U16                 | above 127: the interface board's data are there    | | 0x3202 | 1 |
-/// read       | U16, 10000 is all   | Peltier current                                    | | 0x3204 | 1 |
-/// read       | U16 temperature     | iso box target                                     | | 0x3205 | 1 |
-/// read       | U8                  | iso box fan                                        | | 0x3301 | 1 to 3
-/// | read       | I32 temperature     | probe, heating spiral, exhaust (AT)                | | 0x3301 | 2 |
-/// write      | U8                  | heating spiral regulation (AT)                     | | 0x3302 | 1 |
-/// read write | U16 in mW           | heating spiral power (AT)                          | | 0x3303 | 1 |
-/// read       | U8                  | heating spiral regulation (AT)                     | | 0x3303 | 2 |
-/// read write | U8                  | probe regulation (AT)                              | | 0x3303 | 3 |
-/// read write | U8                  | flow index                                         | | 0x3303 | 4 |
-/// read       | U8                  | over-currents since the last read                  | | 0x3303 | 6 |
-/// read write | U8                  | heating time-out in s                              | | 0x3303 | 7 |
-/// read       | U8                  | guessed ECL of the flow box                        | | 0x3304 | 1 |
-/// read write | I32 temperature     | probe target (AT for writing)                      | | 0x3304 | 2 |
-/// read       | I32 temperature     | heating spiral target (AT)                         | | 0x3304 | 2 |
-/// write      | U32 temperature     | heating spiral target (AT)                         | | 0x3304 | 4, 6 |
-/// read       | I32 temperature     | lower and upper end of the regulated range         | | 0x3401 | 1 |
-/// read       | U8                  | status of the default PID parameters, 3 is good    | | 0x3401 | 3 |
-/// read write | U8                  | iso box tempering mode                             | | 0x3401 | 4 |
-/// read write | U8                  | shim tempering mode                                | | 0x3401 | 5 |
-/// read write | U8                  | VT mode                                            | | 0x3401 | 6 |
-/// read write | U8                  | read 1: modes are those in the EEPROM; write 1: save |
+/// | Index  | Subindex | Access     | Type            | Meaning                                     |
+/// |--------|----------|------------|-----------------|---------------------------------------------|
+/// | 0x3001 | 1        | read       | U16 temperature | magnet                                      |
+/// | 0x3001 | 2 to 7   | read       | U16 temperature | magnet sensors 1 to 6                       |
+/// | 0x3002 | 1 to 6   | read       | U16 in mV       | magnet heaters                              |
+/// | 0x3004 | 1        | write      | U16 temperature | magnet target, not converted from kelvin    |
+/// | 0x3004 | 2 to 8   | read       | U16 temperature | magnet targets 1 to 7                       |
+/// | 0x3101 | 1        | read       | U16 temperature | shim coils                                  |
+/// | 0x3101 | 2, 3     | read       | U16 temperature | shim sensors 1 and 2                        |
+/// | 0x3104 | 1 to 3   | read write | U16 temperature | shim targets                                |
+/// | 0x3201 | 1 to 6   | read       | U16 temperature | iso box sensors; 1 stands for the iso box   |
+/// | 0x3201 | 6        | read       | U16             | above 127: interface board's data are there |
+/// | 0x3202 | 1        | read       | U16             | Peltier current, 10000 is all               |
+/// | 0x3204 | 1        | read       | U16 temperature | iso box target                              |
+/// | 0x3205 | 1        | read       | U8              | iso box fan                                 |
+/// | 0x3301 | 1 to 3   | read       | I32 temperature | probe, heating spiral, exhaust (AT)         |
+/// | 0x3301 | 2        | write      | U8              | heating spiral regulation (AT)              |
+/// | 0x3302 | 1        | read write | U16 in mW       | heating spiral power (AT)                   |
+/// | 0x3303 | 1        | read       | U8              | heating spiral regulation (AT)              |
+/// | 0x3303 | 2        | read write | U8              | probe regulation (AT)                       |
+/// | 0x3303 | 3        | read write | U8              | flow index                                  |
+/// | 0x3303 | 4        | read       | U8              | over-currents since the last read           |
+/// | 0x3303 | 6        | read write | U8              | heating time-out in s                       |
+/// | 0x3303 | 7        | read       | U8              | guessed ECL of the flow box                 |
+/// | 0x3304 | 1        | read write | I32 temperature | probe target (AT for writing)               |
+/// | 0x3304 | 2        | read       | I32 temperature | heating spiral target (AT)                  |
+/// | 0x3304 | 2        | write      | U32 temperature | heating spiral target (AT)                  |
+/// | 0x3304 | 4, 6     | read       | I32 temperature | lower and upper end of regulated range      |
+/// | 0x3401 | 1        | read       | U8              | status of default PID parameters, 3 is good |
+/// | 0x3401 | 3        | read write | U8              | iso box tempering mode                      |
+/// | 0x3401 | 4        | read write | U8              | shim tempering mode                         |
+/// | 0x3401 | 5        | read write | U8              | VT mode                                     |
+/// | 0x3401 | 6        | read write | U8              | read 1: as in the EEPROM; write 1: save     |
 ///
 /// What goes to the board in 16 bits keeps the low 16 bits of the whole number; a negative one goes as 0, as
 /// the instrument's processor converts it.
