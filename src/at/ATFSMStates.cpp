@@ -582,6 +582,9 @@ result SampleExchangeExit::react(EvTimerTick const& aEvent) {
     }
     auto& gas = *outermost_context().flowController();
     auto const [index, hold] = gas.actualFlowIndex();
+    if (index == 0 && !hold) {
+        endHeating();
+    }
     if (index >= mTargetIndex && hold == mTargetHold) {
         return arrive();
     }
@@ -595,6 +598,18 @@ result SampleExchangeExit::react(EvTimerTick const& aEvent) {
         return discard_event();
     }
     return raise(static_cast<std::uint8_t>(index + 1), mTargetHold);
+}
+
+/// The regulation may still be on where the completion came before a tick had seen that the gas was off, and
+/// a second exchange that begins then finds no gas to restore. So the tick that sees no gas ends the heating
+/// here as it does on the way in.
+void SampleExchangeExit::endHeating() {
+    FSMAT const& machine = outermost_context();
+    if (!machine.sampleExchangeInfo()->RegulationEnabled || !machine.board()->probeTemperatureRegulation()) {
+        return;
+    }
+    keplaDoLog(Severity::Warning, "SampleExchangeExit: no gas flows, turning off regulation", {});
+    machine.board()->setProbeTemperatureRegulation(false);
 }
 
 result SampleExchangeExit::arrive() {

@@ -377,6 +377,7 @@ struct SampleExchangeExit : boost::statechart::state<SampleExchangeExit, SampleE
     boost::statechart::result react(EvTimerTick const& aEvent);
 
 private:
+    void endHeating();
     boost::statechart::result arrive();
     boost::statechart::result raise(std::uint8_t aIndex, bool aHold);
 

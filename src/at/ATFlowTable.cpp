@@ -86,6 +86,12 @@ void ATFlowTable::mdsGetFlowsForTemperature(Mds const& aMds) {
             continue;
         }
         double const flow = group.asDouble(kFlow);
+        if (flow < 0.0) { // It would come before no gas, whose index is 0.
+            keplaDoLog(Severity::Error,
+                       "A FlowForTemperature group has the flow %f l/h. This group will be ignored.", {},
+                       flow);
+            continue;
+        }
         mEntries.push_back({group.asDouble(kFrom), group.asDouble(kTo), flow, 0});
         if (std::none_of(distinct.begin(), distinct.end(),
                          [&](double aKnown) { return isSameFlow(flow, aKnown); })) {

@@ -92,5 +92,19 @@ void StateWithRamp::setTargetTemperatureAndFlow(double aKelvin) {
         keplaDoLog(Severity::Error, "StateWithRamp: failed to set the gas flow", {});
         throw std::runtime_error("Failed to set the gas flow");
     }
+    refuseToHeatWithoutGas();
     mBoard->setTargetProbeTemperature(aKelvin);
+}
+
+/// The machine's flow counts as set while a user's is in its place; but that one is gone after a power-off,
+/// and it may be none.
+void StateWithRamp::refuseToHeatWithoutGas() const {
+    if (!mFlowController->userDefinedFlow().first) {
+        return;
+    }
+    auto const [index, hold] = mFlowController->actualFlowIndex();
+    if (index == 0 && !hold) {
+        keplaDoLog(Severity::Error, "StateWithRamp: no gas flows in spite of the user's flow", {});
+        throw std::runtime_error("Failed to set the gas flow");
+    }
 }

@@ -47,6 +47,7 @@ protected:
 private:
     bool isRampRequired() const;
     void setTargetTemperatureAndFlow(double aKelvin);
+    void refuseToHeatWithoutGas() const;
 
     std::shared_ptr<TempBoardQ47Ifc> mBoard;
     std::shared_ptr<ATFSMParameters> mParameters;

@@ -192,6 +192,16 @@ TEST_F(ATFlowTableTest, PassesOverAnEntryThatIsTooShort) {
                          "expected.This group will be ignored."));
 }
 
+TEST_F(ATFlowTableTest, PassesOverAFlowBelowNone) {
+    fill(range("280", "400") + flow("300", "320", "-5") + flow("320", "350", "500"));
+    EXPECT_EQ(mTable.flowByIndex(0), 0.0);
+    EXPECT_EQ(mTable.flowByIndex(1), 500.0);
+    EXPECT_EQ(mTable.temperatureRange(), Bounds(320.0, 350.0));
+    EXPECT_TRUE(
+        mLog.has(Severity::Error,
+                 "A FlowForTemperature group has the flow -5.000000 l/h. This group will be ignored."));
+}
+
 TEST_F(ATFlowTableTest, HasNoRangeWithoutEntries) {
     fill(range("280", "400"));
     EXPECT_EQ(mTable.temperatureRange(), Bounds(0.0, 0.0));

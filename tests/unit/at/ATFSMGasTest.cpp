@@ -1,0 +1,421 @@
+// SPDX-License-Identifier: Apache-2.0
+// The state machine on the real flow controller with each of the boxes: whatever comes in whatever order, and
+// whatever the board refuses, the probe is not heated without gas.
+#include "at/ATFSMStates.h"
+#include "at/ATFlowTable.h"
+#include "at/AtFlowBoxPrototype.h"
+#include "at/AtFlowBoxV1.h"
+#include "at/AtFlowBoxV2.h"
+#include "at/AtToFsm.h"
+#include "at/FlowController.h"
+#include "support/FakePeriodicCallers.h"
+#include "support/LeapClock.h"
+#include "support/LogCapture.h"
+#include "support/QuietTempBoard.h"
+#include "temperature/TemperatureListenerSync.h"
+#include "temperature/TemperatureStabilityMgr.h"
+
+#include <velmor/kepla/datalogger/NullDataLogger.h>
+#include <velmor/kepla/mds/Mds.h>
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using libfieldwarden::at::ATFSMParts;
+using libfieldwarden::at::made;
+using libfieldwarden::test::FakePeriodicCallers;
+using libfieldwarden::test::LeapClock;
+using libfieldwarden::test::LogCapture;
+using libfieldwarden::test::QuietTempBoard;
+using libfieldwarden::test::Severity;
+using velmor::kepla::datalogger::NullDataLogger;
+
+// The sanitizers' builds are many times slower, and see what they look for in fewer.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr unsigned kSequences = 2'000;
+#else
+constexpr unsigned kSequences = 100'000;
+#endif
+
+constexpr auto kFlows = std::to_array<double>({200.0, 400.0, 600.0});
+
+/// Heating and gas as numbers; now and then a call fails.
+class GasBoard : public QuietTempBoard {
+public:
+    explicit GasBoard(std::mt19937& aRandom)
+        : mRandom(aRandom) {}
+
+    double probeTemperature() override { return answer(probe); }
+    double targetProbeTemperature() const override { return answer(target); }
+    void setTargetProbeTemperature(double aKelvin) override { target = answer(aKelvin); }
+    bool probeTemperatureRegulation() override { return answer(heats); }
+    void setProbeTemperatureRegulation(bool aEnabled) override { heats = answer(aEnabled); }
+    void setProbeGasHeatingSpiralRegulation(bool aEnabled) override { answer(aEnabled); }
+    void setProbeGasHeatingSpiralPower(double aWatt) override { answer(aWatt); }
+    unsigned char probeGasFlow() override { return answer(gas); }
+    void setProbeGasFlow(unsigned char aFlow) override {
+        answer(aFlow);
+        if (gas != 0 && aFlow == 0 && heats) {
+            ++cutWhileHot;
+        }
+        gas = aFlow;
+    }
+    std::pair<double, double> probeGasRegulatedTemperatureRange() const override {
+        return answer(std::pair<double, double>(280.0, 400.0));
+    }
+
+    bool heatsWithoutGas() const { return heats && gas == 0; }
+
+    double probe = 300.0;
+    double target = 292.15;
+    bool heats = false;
+    unsigned char gas = 0;
+    unsigned cutWhileHot = 0;
+    unsigned failuresInAThousand = 0;
+
+private:
+    template <typename Value>
+    Value answer(Value aValue) const {
+        if (failuresInAThousand != 0 && mRandom() % 1000 < failuresInAThousand) {
+            throw std::runtime_error("no answer");
+        }
+        return aValue;
+    }
+
+    std::mt19937& mRandom;
+};
+
+enum class Generation { Prototype, V1, V2 };
+
+std::unique_ptr<AtFlowBoxIfc> makeBox(Generation aGeneration) {
+    switch (aGeneration) {
+        case Generation::Prototype:
+            return std::make_unique<AtFlowBoxPrototype>();
+        case Generation::V1:
+            return std::make_unique<AtFlowBoxV1>();
+        default:
+            return std::make_unique<AtFlowBoxV2>();
+    }
+}
+
+/// Targets from 300 K to 350 K: 200 l/h up to 320 K, 400 l/h up to 335 K, then 600 l/h.
+class GasMachine {
+public:
+    explicit GasMachine(Generation aGeneration) {
+        mFormer = velmor::platform::Clock::use(std::make_shared<LeapClock>());
+        mFlows->setTableFromMDS(velmor::kepla::mds::Mds::parse(
+            R"(<record><group name="TemperatureRange"><value>0</value><value>0</value><value>300</value>)"
+            R"(<value>350</value></group><group name="FlowForTemperature"><value>0</value><value>0</value>)"
+            R"(<value>300</value><value>320</value><value>200</value></group>)"
+            R"(<group name="FlowForTemperature"><value>0</value><value>0</value><value>320</value>)"
+            R"(<value>335</value><value>400</value></group>)"
+            R"(<group name="FlowForTemperature"><value>0</value><value>0</value><value>335</value>)"
+            R"(<value>350</value><value>600</value></group></record>)"));
+        auto const listener = std::make_shared<TemperatureListenerSync>(0.001, 0.1);
+        gas = std::make_shared<FlowController>(board, mFlows, listener, makeBox(aGeneration),
+                                               std::make_shared<FakePeriodicCallers>(),
+                                               std::make_shared<NullDataLogger>());
+        parameters->setTargetTemperature(310.0);
+        mProcessor = mScheduler.create_processor<FSMAT>(ATFSMParts{
+            board, mFlows, parameters, listener, std::make_shared<TemperatureStabilityMgr>(listener), gas,
+            nullptr, std::make_shared<AtToFsm>()});
+        mScheduler.initiate_processor(mProcessor);
+        mScheduler();
+    }
+    ~GasMachine() { velmor::platform::Clock::use(mFormer); }
+    GasMachine(GasMachine const&) = delete;
+    GasMachine& operator=(GasMachine const&) = delete;
+
+    template <typename Event, typename... Arguments>
+    void handle(Arguments... aArguments) {
+        mScheduler.queue_event(mProcessor, made<Event>(aArguments...));
+        mScheduler();
+    }
+    void tick(int aMilliseconds = 1000) { handle<EvTimerTick>(std::chrono::milliseconds(aMilliseconds)); }
+    void ticks(int aCount) {
+        for (int tick = 0; tick < aCount; ++tick) {
+            this->tick();
+        }
+    }
+    void complete(bool aInMagnet) {
+        parameters->setSampleInMagnet(aInMagnet);
+        handle<EvCompleteTransfer>();
+    }
+
+    template <typename State>
+    bool in() {
+        return dynamic_cast<FSMAT&>(**mProcessor.lock()).state_cast<State const*>() != nullptr;
+    }
+
+    std::mt19937 random{20240613}; // NOLINT: the same sequences each time
+    std::shared_ptr<GasBoard> board = std::make_shared<GasBoard>(random);
+    std::shared_ptr<FlowController> gas;
+    std::shared_ptr<ATFSMParameters> parameters = std::make_shared<ATFSMParameters>();
+
+private:
+    std::shared_ptr<velmor::platform::Clock> mFormer;
+    std::shared_ptr<ATFlowTable> mFlows = std::make_shared<ATFlowTable>();
+    boost::statechart::fifo_scheduler<> mScheduler{false};
+    boost::statechart::fifo_scheduler<>::processor_handle mProcessor;
+};
+
+void reachOn(GasMachine& aMachine) {
+    aMachine.board->probe = 310.0;
+    aMachine.handle<EvEnable>();
+    aMachine.ticks(2);
+    ASSERT_TRUE(aMachine.in<On>());
+    ASSERT_TRUE(aMachine.board->heats);
+    ASSERT_EQ(aMachine.board->gas, 2); // 200 l/h and hold flow
+}
+
+// -------------------------------------------------------------------------------------- the single sequences
+
+/// All boxes go the same way there and back.
+TEST(ATFSMGas, GoesUpDownAndThroughAnExchangeWithEachBox) {
+    for (Generation const generation : {Generation::Prototype, Generation::V1, Generation::V2}) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.handle<EvPrepareTransfer>();
+        machine.ticks(3);
+        EXPECT_TRUE(machine.in<SampleExchange>());
+        EXPECT_FALSE(machine.board->heats);
+        EXPECT_EQ(machine.board->gas, 0);
+        machine.complete(true);
+        machine.ticks(3);
+        EXPECT_TRUE(machine.in<On>());
+        EXPECT_TRUE(machine.board->heats);
+        EXPECT_EQ(machine.board->gas, 2);
+        machine.board->probe = 300.0;
+        machine.handle<EvDisable>();
+        machine.ticks(7);
+        EXPECT_TRUE(machine.in<Off>());
+        EXPECT_FALSE(machine.board->heats);
+        EXPECT_EQ(machine.board->gas, 0);
+    }
+}
+
+/// What the second exchange finds is the first one half done: no gas to restore, and the heating on.
+TEST(ATFSMGas, EndsTheHeatingOfAnExchangeThatBeginsInTheMiddleOfAnother) {
+    GasMachine machine(Generation::V2);
+    reachOn(machine);
+    machine.handle<EvPrepareTransfer>();
+    machine.ticks(2); // main flow and hold flow; no tick sees that they are off
+    ASSERT_TRUE(machine.board->heatsWithoutGas());
+    machine.complete(true);
+    machine.handle<EvPrepareTransfer>();
+    machine.complete(true);
+    LogCapture log;
+    machine.tick();
+    EXPECT_TRUE(machine.in<On>());
+    EXPECT_FALSE(machine.board->heats);
+    EXPECT_TRUE(log.has(Severity::Warning, "SampleExchangeExit: no gas flows, turning off regulation"));
+    machine.board->probe = 300.0;
+    machine.handle<EvDisable>();
+    machine.ticks(7);
+    EXPECT_TRUE(machine.in<Off>());
+}
+
+/// Gas and heating come back all the same where a single exchange is completed half way.
+TEST(ATFSMGas, HeatsAgainAfterAnExchangeThatWasCompletedHalfWay) {
+    GasMachine machine(Generation::V2);
+    reachOn(machine);
+    machine.handle<EvPrepareTransfer>();
+    machine.ticks(2);
+    machine.complete(true);
+    machine.tick();
+    EXPECT_FALSE(machine.board->heats) << "no gas was seen";
+    machine.ticks(2);
+    EXPECT_TRUE(machine.in<On>());
+    EXPECT_TRUE(machine.board->heats);
+    EXPECT_EQ(machine.board->gas, 2);
+}
+
+TEST(ATFSMGas, DoesNotAskForTheHeatingInAnExchangeThatBeganWithoutIt) {
+    GasMachine machine(Generation::V2);
+    machine.handle<EvPrepareTransfer>();
+    machine.tick();
+    LogCapture log;
+    machine.complete(true);
+    machine.tick();
+    EXPECT_TRUE(machine.in<Off>());
+    EXPECT_TRUE(log.linesUpTo(Severity::Warning).empty());
+}
+
+/// The power-off ends a user's gas, too, but the machine takes it for flowing.
+TEST(ATFSMGas, RefusesToRampOnAUsersFlowThatIsGone) {
+    for (Generation const generation : {Generation::Prototype, Generation::V1, Generation::V2}) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.gas->setFlowByUser(400.0);
+        machine.handle<EvHardPowerOff>();
+        LogCapture log;
+        machine.handle<EvEnable>();
+        EXPECT_TRUE(machine.in<Off>());
+        EXPECT_FALSE(machine.board->heats);
+        EXPECT_TRUE(log.has(Severity::Error, "StateWithRamp: no gas flows in spite of the user's flow"));
+        reachOn(machine); // The next enable forgets the user's flow.
+    }
+}
+
+TEST(ATFSMGas, RampsOnAUsersFlowThatIsThere) {
+    GasMachine machine(Generation::V2);
+    reachOn(machine);
+    machine.gas->setFlowByUser(600.0);
+    machine.handle<EvSetTargetTemperature>();
+    EXPECT_TRUE(machine.in<On>());
+    EXPECT_TRUE(machine.board->heats);
+    EXPECT_EQ(machine.board->gas, 4);
+}
+
+// ------------------------------------------------------------------------------------------- the properties
+
+/// Ticks that suffice: ten seconds for each way of an exchange that is refused, its steps, and the way to
+/// off.
+constexpr int kBoundedTicks = 60;
+
+class RandomSequences {
+public:
+    RandomSequences(Generation aGeneration, unsigned aFailuresInAThousand)
+        : mMachine(aGeneration) {
+        mMachine.board->failuresInAThousand = aFailuresInAThousand;
+    }
+
+    /// A sequence of events from a machine that is off, with the way back there.
+    void run() {
+        unsigned const length = 1 + below(20);
+        for (unsigned step = 0; step < length; ++step) {
+            happen();
+            ASSERT_TRUE(isSafe()) << mWhat;
+        }
+        comeBack();
+    }
+
+    unsigned anew() const { return mAnew; }
+
+private:
+    unsigned below(unsigned aBound) { return static_cast<unsigned>(mMachine.random() % aBound); }
+
+    void happen() {
+        mGasWasOn = mMachine.board->gas != 0;
+        mWasInExchange = isInExchange();
+        mCutBefore = mMachine.board->cutWhileHot;
+        mWasTick = false;
+        mMachine.board->probe = 290.0 + below(60);
+        switch (below(11)) {
+            case 0:
+                return said("enable", [&] { mMachine.handle<EvEnable>(); });
+            case 1:
+                return said("disable", [&] { mMachine.handle<EvDisable>(); });
+            case 2:
+                mMachine.parameters->setTargetTemperature(290.0 + below(60));
+                return said("target", [&] { mMachine.handle<EvSetTargetTemperature>(); });
+            case 3:
+                return said("hard power off", [&] { mMachine.handle<EvHardPowerOff>(); });
+            case 4:
+                return said("prepare", [&] { mMachine.handle<EvPrepareTransfer>(); });
+            case 5:
+            case 6:
+                return said("complete", [&] { mMachine.complete(below(4) != 0); });
+            case 7:
+                return said("user", [&] { callOfUser(); });
+            default:
+                mWasTick = true;
+                return said("tick", [&] { mMachine.tick(static_cast<int>(1 + below(3000))); });
+        }
+    }
+
+    template <typename What>
+    void said(char const* aWhat, What aDo) {
+        mWhat = aWhat;
+        aDo();
+    }
+
+    /// A user hears of a board that fails.
+    void callOfUser() {
+        try {
+            mMachine.gas->setFlowByUser(kFlows.at(below(3)));
+        } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): and tries again some other time
+        }
+    }
+
+    bool isInExchange() { return mMachine.in<SampleExchangeEnter>() || mMachine.in<SampleExchangeExit>(); }
+
+    /// In an exchange the gas goes first, and the heating with the tick that sees it.
+    bool isSafe() {
+        if (mMachine.board->heatsWithoutGas()) {
+            return isInExchange() && (!mWasTick || mGasWasOn);
+        }
+        return mMachine.board->cutWhileHot == mCutBefore || mWasInExchange;
+    }
+
+    /// But for a user who wants some though nothing is regulated.
+    bool isGasOff() { return mMachine.board->gas == 0 || mMachine.gas->userDefinedFlow().first; }
+
+    /// Whatever happened: the sample is back, and all is disabled.
+    void comeBack() {
+        unsigned const failures = std::exchange(mMachine.board->failuresInAThousand, 0U);
+        mMachine.board->probe = 300.0;
+        mMachine.tick(1); // A machine that stands still begins anew.
+        mMachine.complete(true);
+        mMachine.handle<EvDisable>();
+        for (int tick = 0; tick < kBoundedTicks && !mMachine.in<Off>() && !mMachine.in<HardPowerOff>();
+             ++tick) {
+            mMachine.tick();
+            mMachine.handle<EvDisable>(); // for one that the exchange took before
+        }
+        if (mMachine.in<HardPowerOff>()) { // which only an enable leaves
+            EXPECT_FALSE(mMachine.board->heats);
+            EXPECT_TRUE(isGasOff());
+            ++mAnew;
+            mMachine.handle<EvEnable>();
+            mMachine.handle<EvDisable>();
+            for (int tick = 0; tick < kBoundedTicks && !mMachine.in<Off>(); ++tick) {
+                mMachine.tick();
+            }
+        }
+        ASSERT_TRUE(mMachine.in<Off>()) << mWhat;
+        ASSERT_FALSE(mMachine.board->heats);
+        ASSERT_TRUE(isGasOff());
+        mMachine.board->failuresInAThousand = failures;
+    }
+
+    GasMachine mMachine;
+    char const* mWhat = "";
+    bool mGasWasOn = false;
+    bool mWasInExchange = false;
+    bool mWasTick = false;
+    unsigned mCutBefore = 0;
+    unsigned mAnew = 0;
+};
+
+class ATFSMGasSequences : public ::testing::TestWithParam<std::tuple<Generation, unsigned>> {};
+
+TEST_P(ATFSMGasSequences, NeitherHeatWithoutGasNorCutItWhileHotAndAlwaysReachOff) {
+    auto const [generation, failures] = GetParam();
+    RandomSequences sequences(generation, failures);
+    for (unsigned sequence = 0; sequence < kSequences / 6; ++sequence) {
+        SCOPED_TRACE(sequence);
+        sequences.run();
+        if (HasFatalFailure()) {
+            return;
+        }
+    }
+    EXPECT_GT(sequences.anew(), 0U) << "some were cut off on their way";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachBoxOnGoodAndBadBoards,
+    ATFSMGasSequences,
+    ::testing::Combine(::testing::Values(Generation::Prototype, Generation::V1, Generation::V2),
+                       ::testing::Values(0U, 20U)));
+
+} // namespace
