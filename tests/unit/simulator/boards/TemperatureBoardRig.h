@@ -117,6 +117,10 @@ protected:
             number(kHeating);
         }
     }
+    /// @return How long the spiral was heated without gas; a loss is seen by the sample that follows it.
+    std::chrono::seconds longestWithoutGas() {
+        return std::chrono::ceil<std::chrono::seconds>(mBoard->heatingWatch().longest());
+    }
     /// Lets time pass without a word on the bus.
     void passSilent(sim::TemperatureBoard::Duration aTime) {
         mClock.advance(aTime);
