@@ -95,7 +95,7 @@ public:
     }
     Range probeGasRegulatedTemperatureRange() const override {
         read("range");
-        return {280.0, 400.0};
+        return regulated;
     }
 
     /// Heating without gas is what all the rules are there to prevent.
@@ -106,6 +106,7 @@ public:
     }
 
     double probe = 300.0;
+    Range regulated{280.0, 400.0};
     double target = 292.15;
     bool regulates = false;
     unsigned char index = 0;
@@ -218,13 +219,15 @@ private:
 /// 300 K on can be regulated.
 class ATMachine {
 public:
-    ATMachine() {
-        mFlows->setTableFromMDS(velmor::kepla::mds::Mds::parse(
-            R"(<record><group name="TemperatureRange"><value>0</value><value>0</value><value>300</value>)"
-            R"(<value>350</value></group><group name="FlowForTemperature"><value>0</value><value>0</value>)"
-            R"(<value>300</value><value>320</value><value>200</value></group>)"
-            R"(<group name="FlowForTemperature"><value>0</value><value>0</value><value>320</value>)"
-            R"(<value>350</value><value>400</value></group></record>)"));
+    static constexpr char const* kRecord =
+        R"(<record><group name="TemperatureRange"><value>0</value><value>0</value><value>300</value>)"
+        R"(<value>350</value></group><group name="FlowForTemperature"><value>0</value><value>0</value>)"
+        R"(<value>300</value><value>320</value><value>200</value></group>)"
+        R"(<group name="FlowForTemperature"><value>0</value><value>0</value><value>320</value>)"
+        R"(<value>350</value><value>400</value></group></record>)";
+
+    explicit ATMachine(char const* aRecord = kRecord) {
+        mFlows->setTableFromMDS(velmor::kepla::mds::Mds::parse(aRecord));
         parameters->setTargetTemperature(310.0);
         mProcessor = mScheduler.create_processor<FSMAT>(libfieldwarden::at::ATFSMParts{
             board, mFlows, parameters, mHearer,
@@ -279,5 +282,62 @@ private:
     Scheduler mScheduler{false};
     Scheduler::processor_handle mProcessor;
 };
+
+// How each state is reached.
+
+inline void begin(ATMachine& aMachine) {
+    aMachine.begin();
+}
+inline void reachTooLow(ATMachine& aMachine) {
+    aMachine.begin();
+    aMachine.parameters->setTargetTemperature(290.0);
+    aMachine.handle<EvEnable>();
+    aMachine.parameters->setTargetTemperature(310.0);
+}
+inline void reachBegin(ATMachine& aMachine) {
+    aMachine.begin();
+    aMachine.handle<EvEnable>();
+}
+inline void reachRamp(ATMachine& aMachine) {
+    reachBegin(aMachine);
+    aMachine.tick(300);
+}
+/// The probe is hot, so that the way down is a long one.
+inline void reachOn(ATMachine& aMachine) {
+    aMachine.board->probe = 330.0;
+    aMachine.parameters->setTargetTemperature(330.0);
+    reachRamp(aMachine);
+    aMachine.parameters->setTargetTemperature(310.0);
+}
+inline void reachRampToOff(ATMachine& aMachine) {
+    reachOn(aMachine);
+    aMachine.handle<EvDisable>();
+}
+inline void reachFlush(ATMachine& aMachine) {
+    reachBegin(aMachine);
+    aMachine.handle<EvDisable>();
+}
+inline void reachHold(ATMachine& aMachine) {
+    reachFlush(aMachine);
+    aMachine.tick(5001);
+}
+inline void reachHardPowerOff(ATMachine& aMachine) {
+    aMachine.begin();
+    aMachine.handle<EvHardPowerOff>();
+}
+inline void reachEnter(ATMachine& aMachine) {
+    reachOn(aMachine);
+    aMachine.handle<EvPrepareTransfer>();
+}
+inline void reachExchange(ATMachine& aMachine) {
+    reachEnter(aMachine); // index 2 and hold: three steps, and a tick that sees their end
+    for (int step = 0; step < 4; ++step) {
+        aMachine.tick(501);
+    }
+}
+inline void reachExit(ATMachine& aMachine) {
+    reachExchange(aMachine);
+    aMachine.handle<EvCompleteTransfer>();
+}
 
 } // namespace libfieldwarden::test

@@ -4,6 +4,7 @@
 
 #include "support/LogCapture.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <functional>
@@ -18,8 +19,20 @@
 
 using libfieldwarden::at::made;
 using libfieldwarden::test::ATMachine;
+using libfieldwarden::test::begin;
 using libfieldwarden::test::Journal;
 using libfieldwarden::test::LogCapture;
+using libfieldwarden::test::reachBegin;
+using libfieldwarden::test::reachEnter;
+using libfieldwarden::test::reachExchange;
+using libfieldwarden::test::reachExit;
+using libfieldwarden::test::reachFlush;
+using libfieldwarden::test::reachHardPowerOff;
+using libfieldwarden::test::reachHold;
+using libfieldwarden::test::reachOn;
+using libfieldwarden::test::reachRamp;
+using libfieldwarden::test::reachRampToOff;
+using libfieldwarden::test::reachTooLow;
 using libfieldwarden::test::Severity;
 using testing::Contains;
 using testing::ElementsAre;
@@ -33,6 +46,8 @@ using Event = boost::intrusive_ptr<boost::statechart::event_base const>;
 constexpr std::array kEventNames{"EvEnable",          "EvDisable",         "EvSetTargetTemperature",
                                  "EvAtTarget",        "EvTimerTick",       "EvHardPowerOff",
                                  "EvPrepareTransfer", "EvCompleteTransfer"};
+
+constexpr std::size_t kPrepare = 6;
 
 Event makeEvent(std::size_t aColumn) {
     switch (aColumn) {
@@ -79,61 +94,6 @@ std::string stateOf(ATMachine& aMachine) {
     return name;
 }
 
-void begin(ATMachine& aMachine) {
-    aMachine.begin();
-}
-void reachTooLow(ATMachine& aMachine) {
-    aMachine.begin();
-    aMachine.parameters->setTargetTemperature(290.0);
-    aMachine.handle<EvEnable>();
-    aMachine.parameters->setTargetTemperature(310.0);
-}
-void reachBegin(ATMachine& aMachine) {
-    aMachine.begin();
-    aMachine.handle<EvEnable>();
-}
-void reachRamp(ATMachine& aMachine) {
-    reachBegin(aMachine);
-    aMachine.tick(300);
-}
-/// The probe is hot, so that the way down is a long one.
-void reachOn(ATMachine& aMachine) {
-    aMachine.board->probe = 330.0;
-    aMachine.parameters->setTargetTemperature(330.0);
-    reachRamp(aMachine);
-    aMachine.parameters->setTargetTemperature(310.0);
-}
-void reachRampToOff(ATMachine& aMachine) {
-    reachOn(aMachine);
-    aMachine.handle<EvDisable>();
-}
-void reachFlush(ATMachine& aMachine) {
-    reachBegin(aMachine);
-    aMachine.handle<EvDisable>();
-}
-void reachHold(ATMachine& aMachine) {
-    reachFlush(aMachine);
-    aMachine.tick(5001);
-}
-void reachHardPowerOff(ATMachine& aMachine) {
-    aMachine.begin();
-    aMachine.handle<EvHardPowerOff>();
-}
-void reachEnter(ATMachine& aMachine) {
-    reachOn(aMachine);
-    aMachine.handle<EvPrepareTransfer>();
-}
-void reachExchange(ATMachine& aMachine) {
-    reachEnter(aMachine); // index 2 and hold: three steps, and a tick that sees their end
-    for (int step = 0; step < 4; ++step) {
-        aMachine.tick(501);
-    }
-}
-void reachExit(ATMachine& aMachine) {
-    reachExchange(aMachine);
-    aMachine.handle<EvCompleteTransfer>();
-}
-
 struct Row {
     char const* state;
     void (*reach)(ATMachine&);
@@ -178,6 +138,10 @@ TEST(ATFSMStates, GoWhereTheTableSays) {
             machine.handle(makeEvent(column));
             char const* const next = row.next.at(column);
             EXPECT_EQ(stateOf(machine), next == nullptr ? row.state : next);
+            bool const isAnswered = std::string(row.state) == "SampleExchange" && column == kPrepare;
+            if (next == nullptr && !isAnswered) {
+                EXPECT_THAT(machine.take(), IsEmpty());
+            }
         }
     }
 }
@@ -250,7 +214,7 @@ TEST(ATFSMStates, ActOnEntryInThisOrder) {
     EXPECT_EQ(entryOf(reachHold, [](ATMachine& aMachine) { aMachine.tick(301); }), off);
     EXPECT_THAT(entryOf(begin, [](ATMachine& aMachine) { aMachine.handle<EvEnable>(); }),
                 ElementsAre("reset user flow", "flow 0 1"));
-    // The probe is at 300 K, the target 310 K: the ramp begins at 300.0000001 K at the least, index 1.
+    // The probe is at 300 K, the target 310 K: the ramp begins at 300 K at the least, index 1.
     EXPECT_THAT(entryOf(reachBegin, [](ATMachine& aMachine) { aMachine.tick(300); }),
                 ElementsAre("regulation 1", "status 1", "control status 1", "gas status 1", "flow 1 1",
                             "target 300.00"));
@@ -319,6 +283,155 @@ TEST(ATFSMStates, PutOffADisableUntilTheExchangeIsOver) {
         machine.tick(501);
     }
     EXPECT_TRUE(machine.in<RampToOffTemperatureAndFlow>());
+}
+
+/// The exchange's states with what brings each of them back to where the exchange began, which is `On`.
+struct DeferralRow {
+    char const* state;
+    void (*reach)(ATMachine&);
+    bool isComplete; ///< Whether the completion has come already.
+};
+
+constexpr auto kDeferrals = std::to_array<DeferralRow>({{kEnter, reachEnter, false},
+                                                        {"SampleExchange", reachExchange, false},
+                                                        {"SampleExchangeExit", reachExit, true}});
+
+void finishExchange(ATMachine& aMachine, bool aIsComplete) {
+    if (!aIsComplete) {
+        aMachine.complete(true);
+    }
+    for (int step = 0; step < 4 && aMachine.in<SampleExchangeExit>(); ++step) {
+        aMachine.tick(501);
+    }
+}
+
+TEST(ATFSMStates, PutOffWhatIsAskedForInAnyStateOfAnExchange) {
+    for (DeferralRow const& row : kDeferrals) {
+        SCOPED_TRACE(row.state);
+        ATMachine disabled;
+        row.reach(disabled);
+        disabled.handle<EvDisable>();
+        EXPECT_EQ(stateOf(disabled), row.state);
+        finishExchange(disabled, row.isComplete);
+        EXPECT_EQ(stateOf(disabled), kDown);
+
+        ATMachine target;
+        row.reach(target);
+        target.handle<EvSetTargetTemperature>();
+        EXPECT_EQ(stateOf(target), row.state);
+        finishExchange(target, row.isComplete);
+        EXPECT_EQ(stateOf(target), kRamp);
+
+        ATMachine enabled; // which `On` does not know
+        row.reach(enabled);
+        enabled.handle<EvEnable>();
+        EXPECT_EQ(stateOf(enabled), row.state);
+        finishExchange(enabled, row.isComplete);
+        EXPECT_EQ(stateOf(enabled), "On");
+    }
+}
+
+TEST(ATFSMStates, KeepTheOrderOfWhatTheyPutOff) {
+    ATMachine machine;
+    reachEnter(machine);
+    machine.handle<EvDisable>();
+    machine.tick(501);
+    machine.handle<EvEnable>();
+    machine.handle<EvDisable>();
+    finishExchange(machine, false);
+    EXPECT_EQ(stateOf(machine), kDown) << "down, up and down again";
+    ATMachine other;
+    reachExchange(other);
+    other.handle<EvDisable>();
+    other.complete(true);
+    other.handle<EvEnable>();
+    finishExchange(other, true);
+    EXPECT_EQ(stateOf(other), kRamp) << "down and up again";
+}
+
+TEST(ATFSMStates, ForgetNothingOfWhatWasPutOffInAnExchangeOfASystemThatIsOff) {
+    ATMachine machine;
+    machine.begin();
+    machine.handle<EvPrepareTransfer>();
+    machine.handle<EvEnable>();
+    machine.tick(1);
+    EXPECT_TRUE(machine.in<SampleExchange>());
+    machine.complete(true);
+    machine.tick(1);
+    EXPECT_EQ(stateOf(machine), kBegin);
+}
+
+/// What is told to the daemon and the board when an exchange leads back: the entry of the state, anew.
+TEST(ATFSMStates, EnterAnewWhereTheyComeBack) {
+    auto const backTo = [](void (*aReach)(ATMachine&)) {
+        ATMachine machine;
+        aReach(machine);
+        machine.handle<EvPrepareTransfer>();
+        for (int step = 0; step < 5 && !machine.in<SampleExchange>(); ++step) {
+            machine.tick(501);
+        }
+        machine.complete(true);
+        Journal last;
+        for (int step = 0; step < 5 && machine.in<SampleExchangeExit>(); ++step) {
+            machine.take();
+            machine.tick(501);
+            last = machine.take();
+        }
+        EXPECT_GE(last.size(), 2U);
+        auto const strict = std::find(last.begin(), last.end(), "strict 0");
+        EXPECT_NE(strict, last.end());
+        last.erase(last.begin(), strict);
+        return last;
+    };
+    EXPECT_THAT(backTo(begin),
+                ElementsAre("strict 0", "transfer 1", "regulation 0", "gas 0", "status 0", "gas status 0",
+                            "measured 0", "operation 0", "standby 0", "control status 0"));
+    EXPECT_THAT(backTo(reachTooLow), ElementsAre("strict 0", "transfer 1"));
+    EXPECT_THAT(backTo(reachBegin), ElementsAre("strict 0", "transfer 1", "reset user flow", "flow 0 1"));
+    EXPECT_THAT(backTo(reachRamp),
+                ElementsAre("strict 0", "transfer 1", "regulation 1", "status 1", "control status 1",
+                            "gas status 1", "flow 1 1", "target 300.00"));
+    EXPECT_THAT(backTo(reachOn), ElementsAre("strict 0", "transfer 1", "control status 2", "gas status 2"));
+    EXPECT_THAT(backTo(reachRampToOff),
+                ElementsAre("strict 0", "transfer 1", "gas status 1", "control status 1", "stability 0"));
+    EXPECT_THAT(backTo(reachFlush), ElementsAre("strict 0", "transfer 1"));
+    EXPECT_THAT(backTo(reachHold), ElementsAre("strict 0", "transfer 1", "flow 0 1"));
+    EXPECT_THAT(backTo(reachHardPowerOff),
+                ElementsAre("strict 0", "transfer 1", "target 292.15", "regulation 0", "spiral regulation 0",
+                            "spiral power 0", "gas 0", "gas status 0", "status 7", "control status 0"));
+}
+
+TEST(ATFSMStates, LeaveAPrepareWithoutAVerdictThatIsCompletedOnItsWay) {
+    ATMachine machine;
+    reachEnter(machine);
+    machine.tick(501);
+    machine.take();
+    machine.handle<EvPrepareTransfer>(); // discarded
+    machine.complete(true);
+    EXPECT_THAT(machine.take(), IsEmpty());
+    machine.tick(501);
+    EXPECT_THAT(machine.take(), ElementsAre("exchange flow 2 1"));
+    machine.tick(1);
+    EXPECT_THAT(machine.take(), ElementsAre("target 330.00", "regulation 1", "strict 0", "transfer 1",
+                                            "control status 2", "gas status 2"));
+}
+
+TEST(ATFSMStates, KeepTheHeatingOffWhereTheSampleIsNotBack) {
+    ATMachine machine;
+    reachEnter(machine);
+    machine.tick(501);
+    machine.tick(501); // index 0 with hold flow
+    machine.complete(false);
+    machine.take();
+    machine.tick(501);
+    EXPECT_THAT(machine.take(), ElementsAre("exchange flow 0 0"));
+    machine.tick(501);
+    EXPECT_THAT(machine.take(), ElementsAre("regulation 0", "exchange flow 1 0")) << "no gas, no heating";
+    machine.tick(501);
+    machine.take();
+    machine.tick(1);
+    EXPECT_THAT(machine.take(), ElementsAre("strict 0", "transfer 1", "control status 2", "gas status 2"));
+    EXPECT_FALSE(machine.board->regulates);
 }
 
 TEST(ATFSMStates, ComeBackToEveryStateThroughTheHistory) {
@@ -432,7 +545,7 @@ TEST(ATFSMStates, RampInStepsOfOneKelvin) {
     reachRamp(machine);
     machine.take();
     machine.tick(59000);
-    EXPECT_THAT(machine.take(), IsEmpty()) << "less than 1 K away from 300.0000001 K";
+    EXPECT_THAT(machine.take(), IsEmpty()) << "less than 1 K away from 300 K";
     machine.tick(1001); // 60.001 s: 301.00002 K
     EXPECT_THAT(machine.take(), ElementsAre("flow 1 1", "target 301.00"));
     machine.tick(60001); // 302.00003 K is less than 1 K from the end, which is taken at once
