@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -36,6 +37,19 @@ constexpr nanoseconds kFlush{5'000'000'000};
 constexpr nanoseconds kHoldBeforeOff{300'000'000}; // Intended: not the same as before the ramp.
 constexpr milliseconds kStepPeriod{500};
 constexpr milliseconds kTimeout{10000};
+
+/// @return What was thrown, if anything was.
+template <typename Step>
+std::optional<std::string> failureOf(Step const& aStep) {
+    try {
+        aStep();
+    } catch (std::exception const& failure) {
+        return failure.what();
+    } catch (...) {
+        return "an exception of an unknown type";
+    }
+    return std::nullopt;
+}
 
 std::int64_t inMilliseconds(nanoseconds aTime) {
     return std::chrono::duration_cast<milliseconds>(aTime).count();
@@ -103,60 +117,53 @@ void FSMAT::process_event_impl(boost::statechart::event_base const& aEvent) {
 /// Runs what may throw out of a state.
 template <typename Step>
 void FSMAT::guarded(Step const& aStep) {
-    try {
-        aStep();
-    } catch (std::exception const& failure) {
-        contain(failure.what());
-    } catch (...) {
-        contain("an exception of an unknown type");
+    if (auto const failure = failureOf(aStep)) {
+        contain(*failure);
     }
 }
 
-void FSMAT::contain(char const* aReason) {
+void FSMAT::contain(std::string const& aReason) {
     keplaDoLog(Severity::Critical,
                "The AT state machine failed, it switches heating and gas off and begins anew; events that it "
                "has deferred are lost: %s",
                {}, aReason);
     beginAnew();
     transfer().resultPrepareOrCompleteTransfer(false);
-    try {
-        listener()->probeTemperatureStatusChanged(GlobalStatus::Error); // Last, so that it stays.
-    } catch (std::exception const& failure) {
-        keplaDoLog(Severity::Critical, "Could not tell of the failure: %s", {}, failure.what());
+    auto const tell = [this] { listener()->probeTemperatureStatusChanged(GlobalStatus::Error); };
+    if (auto const failure = failureOf(tell)) { // Last, so that the status stays.
+        keplaDoLog(Severity::Critical, "Could not tell of the failure: %s", {}, *failure);
     }
 }
 
 void FSMAT::beginAnew() {
     makeSafe();
-    try {
-        Machine::initiate();
-    } catch (std::exception const& failure) {
-        keplaDoLog(Severity::Critical, "The AT state machine cannot begin anew yet: %s", {}, failure.what());
+    if (auto const failure = failureOf([this] { Machine::initiate(); })) {
+        keplaDoLog(Severity::Critical, "The AT state machine cannot begin anew yet: %s", {}, *failure);
     }
 }
 
 /// As far as the board lets us: a step of the power-off that fails must not keep the heating on.
 void FSMAT::makeSafe() noexcept {
-    try {
-        ATHardPowerOff(board());
+    auto const failure = failureOf([this] { ATHardPowerOff(board()); });
+    if (!failure) {
         return;
-    } catch (std::exception const& failure) {
-        keplaDoLog(Severity::Critical, "Could not switch heating and gas off: %s", {}, failure.what());
     }
+    keplaDoLog(Severity::Critical, "Could not switch heating and gas off: %s", {}, *failure);
     bool heatingIsOff = true;
     auto const attempt = [&](auto const& aStep) {
-        try {
-            aStep(*board());
-        } catch (std::exception const& failure) {
-            keplaDoLog(Severity::Critical, "Could not switch the heating off: %s", {}, failure.what());
+        if (auto const reason = failureOf([&] { aStep(*board()); })) {
+            keplaDoLog(Severity::Critical, "Could not switch the heating off: %s", {}, *reason);
             heatingIsOff = false;
         }
     };
     attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeTemperatureRegulation(false); });
     attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeGasHeatingSpiralRegulation(false); });
     attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeGasHeatingSpiralPower(0.0); });
-    if (heatingIsOff) { // Gas must not end while something may be hot.
-        attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeGasFlow(0); });
+    if (!heatingIsOff) {
+        return; // Gas must not end while something may be hot.
+    }
+    if (auto const reason = failureOf([this] { board()->setProbeGasFlow(0); })) {
+        keplaDoLog(Severity::Critical, "Could not switch the gas off: %s", {}, *reason);
     }
 }
 

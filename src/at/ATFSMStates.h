@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include <boost/intrusive_ptr.hpp>
@@ -176,7 +177,7 @@ private:
     void process_event_impl(boost::statechart::event_base const& aEvent) override;
     template <typename Step>
     void guarded(Step const& aStep);
-    void contain(char const* aReason);
+    void contain(std::string const& aReason);
     void makeSafe() noexcept;
     void beginAnew();
 

@@ -28,10 +28,13 @@ namespace libfieldwarden::test {
 
 using Journal = std::vector<std::string>;
 
-/// Writes down what is done, and lets one kind of it fail.
+/// Writes down what is done, and lets one kind of it fail, or one call.
 struct Happenings {
     Journal journal;
-    std::string failing; ///< The start of the happening that throws; empty for none.
+    std::string failing;              ///< The start of the happening that throws; empty for none.
+    unsigned calls = 0;               ///< So far, questions to the board among them.
+    unsigned failingCall = 0;         ///< The one that throws; 0 for none.
+    bool throwsSomethingElse = false; ///< What is thrown is no std::exception.
     bool isQuiet = false;
 
     void note(char const* aWhat) {
@@ -42,7 +45,13 @@ struct Happenings {
         if (!isQuiet) {
             journal.push_back(aWhat + aArguments());
         }
-        if (!failing.empty() && failing == aWhat) {
+        call(aWhat);
+    }
+    void call(char const* aWhat) {
+        if (++calls == failingCall || (!failing.empty() && failing == aWhat)) {
+            if (throwsSomethingElse) {
+                throw 42; // NOLINT(hicpp-exception-baseclass): that is the point
+            }
             throw std::runtime_error("no answer");
         }
     }
@@ -114,11 +123,7 @@ public:
     unsigned heatedWithoutGas = 0;
 
 private:
-    void read(char const* aWhat) const {
-        if (!mHappenings.failing.empty() && mHappenings.failing == aWhat) {
-            throw std::runtime_error("no answer");
-        }
-    }
+    void read(char const* aWhat) const { mHappenings.call(aWhat); }
 
     Happenings& mHappenings;
 };
@@ -140,9 +145,7 @@ public:
         strict = aStrict;
     }
     std::pair<unsigned char, bool> actualFlowIndex() const override {
-        if (mHappenings.failing == "actualFlowIndex") {
-            throw std::runtime_error("no answer");
-        }
+        mHappenings.call("actualFlowIndex");
         return {mBoard->index, mBoard->hold};
     }
     std::pair<bool, unsigned char> userDefinedFlow() const override { return user; }

@@ -724,6 +724,84 @@ TEST(ATFSMStates, BeginAnewWhateverEscapes) {
     }
 }
 
+/// Every event in every state, with every tick that ends one.
+std::vector<std::pair<Row, Event>> everythingThatHappens() {
+    std::vector<std::pair<Row, Event>> all;
+    for (Row const& row : kRows) {
+        for (std::size_t column = 0; column < kEventNames.size(); ++column) {
+            all.emplace_back(row, makeEvent(column));
+        }
+        for (int const milliseconds : {501, 5001, 10001, 60001, 3600000}) {
+            bool const throwsByItself = row.reach == reachExit && milliseconds > 10000;
+            if (!throwsByItself) {
+                all.emplace_back(row, made<EvTimerTick>(std::chrono::milliseconds(milliseconds)));
+            }
+        }
+    }
+    for (auto const reach : {reachEndOfEnter, reachEndOfExit}) {
+        all.emplace_back(Row{reach == reachEndOfEnter ? kEnter : "SampleExchangeExit", reach, {}},
+                         made<EvTimerTick>(std::chrono::milliseconds(501)));
+    }
+    return all;
+}
+
+/// Heating and gas are off, the daemon and who waits are told, and the next enable works.
+void expectContained(ATMachine& aMachine) {
+    EXPECT_EQ(stateOf(aMachine), "Off");
+    EXPECT_FALSE(aMachine.board->regulates);
+    EXPECT_EQ(aMachine.board->index, 0);
+    EXPECT_FALSE(aMachine.board->hold);
+    EXPECT_EQ(aMachine.status(), 7);
+    EXPECT_THAT(aMachine.take(), Contains("transfer 0"));
+    aMachine.parameters->setTargetTemperature(340.0);
+    aMachine.handle<EvEnable>();
+    aMachine.tick(300);
+    EXPECT_EQ(stateOf(aMachine), kRamp);
+}
+
+/// Each single call to board, gas and daemon fails once, whichever reaction or entry it belongs to.
+void expectAnySingleCallMayFail(bool aThrowsSomethingElse) {
+    unsigned contained = 0;
+    unsigned handled = 0;
+    for (auto const& [row, event] : everythingThatHappens()) {
+        SCOPED_TRACE(row.state);
+        unsigned calls = 1;
+        for (unsigned failing = 1; failing <= calls; ++failing) {
+            ATMachine machine;
+            row.reach(machine);
+            machine.take();
+            LogCapture log;
+            machine.happenings.calls = 0;
+            machine.happenings.failingCall = failing;
+            machine.happenings.throwsSomethingElse = aThrowsSomethingElse;
+            machine.handle(event);
+            calls = machine.happenings.calls;
+            if (failing > calls) {
+                break; // The event makes none.
+            }
+            EXPECT_TRUE(machine.in<SampleExchangeEnter>() || !machine.board->regulates ||
+                        machine.board->index != 0 || machine.board->hold)
+                << "call " << failing;
+            if (log.linesUpTo(Severity::Critical).empty()) {
+                ++handled;
+            } else {
+                ++contained;
+                expectContained(machine);
+            }
+        }
+    }
+    EXPECT_GT(contained, 100U);
+    EXPECT_EQ(handled > 0, !aThrowsSomethingElse) << "by a reaction that knows only the usual exceptions";
+}
+
+TEST(ATFSMStates, ContainWhicheverSingleCallFails) {
+    expectAnySingleCallMayFail(false);
+}
+
+TEST(ATFSMStates, ContainAlsoWhatIsNoException) {
+    expectAnySingleCallMayFail(true);
+}
+
 TEST(ATFSMStates, TellWhatEscaped) {
     ATMachine machine;
     machine.begin();
