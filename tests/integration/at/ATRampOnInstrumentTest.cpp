@@ -20,40 +20,13 @@ using namespace std::chrono_literals;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Control = ProbeTemperatureControlStatus;
 using Generation = ATInstrument::Generation;
 using What = WatchedBoard::What;
 using Write = WatchedBoard::Write;
 
 constexpr int kMinute = 60;
 
-std::vector<int> valuesOf(std::vector<Write> const& aWrites, What aWhat) {
-    std::vector<int> values;
-    for (Write const& write : aWrites) {
-        if (write.what == aWhat) {
-            values.push_back(write.value);
-        }
-    }
-    return values;
-}
-
-class ATRampOnInstrument : public ::testing::TestWithParam<Generation> {
-protected:
-    Control control() { return service().getProbeTemperatureRegulatorMode(); }
-    bool holds() { return control() == Control::Holding; }
-    bool isOff() { return control() == Control::Off; }
-    TemperatureHardwareQ47& service() { return mInstrument.service(); }
-
-    /// Enables at a target and waits until it has been reached.
-    void ramp(double aKelvin) {
-        service().setTargetProbeTemperature(aKelvin);
-        service().setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::On);
-        mInstrument.settle();
-        ASSERT_GT(mInstrument.secondsUntil([&] { return holds(); }, 40 * kMinute), 0);
-    }
-
-    ATInstrument mInstrument{GetParam()};
-};
+class ATRampOnInstrument : public ATOnInstrument {};
 
 TEST_P(ATRampOnInstrument, GoesUpAKelvinAMinuteWithTheFlowBeforeTheTemperature) {
     double const start = mInstrument.probeKelvin();
@@ -149,8 +122,7 @@ TEST_P(ATRampOnInstrument, GoesDownFlushesHoldsAndIsOff) {
     ramp(313.0);
     mInstrument.seconds(30 * kMinute); // Until the probe is there, too.
     mInstrument.watched->takeWrites();
-    service().setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::Off);
-    mInstrument.settle();
+    setOn(false);
     auto const begin = mInstrument.clock->now();
     EXPECT_EQ(control(), Control::Ramping);
     ASSERT_GT(mInstrument.secondsUntil([&] { return isOff(); }, 20 * kMinute), 0);
@@ -211,7 +183,7 @@ TEST_P(ATRampOnInstrument, AimsAnewFromWhereTheProbeIs) {
 
 TEST_P(ATRampOnInstrument, WaitsForATargetThatCanBeRegulated) {
     // The board regulates from 298.15 K on, and nobody has set a target yet.
-    service().setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::On);
+    setOn(true);
     mInstrument.seconds(5);
     EXPECT_THAT(valuesOf(mInstrument.watched->takeWrites(), What::Flow), IsEmpty());
     EXPECT_TRUE(isOff());
@@ -233,10 +205,6 @@ TEST_P(ATRampOnInstrument, LeavesHeatingAndGasOffWhenTheServiceGoes) {
 INSTANTIATE_TEST_SUITE_P(EachFlowBox,
                          ATRampOnInstrument,
                          ::testing::Values(Generation::Prototype, Generation::V1, Generation::V2),
-                         [](auto const& aInfo) {
-                             return aInfo.param == Generation::Prototype ? "Prototype"
-                                    : aInfo.param == Generation::V1      ? "V1"
-                                                                         : "V2";
-                         });
+                         nameOf);
 
 } // namespace
