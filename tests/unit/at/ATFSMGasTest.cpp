@@ -61,7 +61,7 @@ public:
     void setProbeTemperatureRegulation(bool aEnabled) override { heats = answer(aEnabled); }
     void setProbeGasHeatingSpiralRegulation(bool aEnabled) override { answer(aEnabled); }
     void setProbeGasHeatingSpiralPower(double aWatt) override { answer(aWatt); }
-    unsigned char probeGasFlow() override { return answer(gas); }
+    unsigned char probeGasFlow() override { return answer(knob != 0 ? knob : gas); }
     void setProbeGasFlow(unsigned char aFlow) override {
         answer(aFlow);
         if (gas != 0 && aFlow == 0 && heats) {
@@ -73,12 +73,13 @@ public:
         return answer(std::pair<double, double>(280.0, 400.0));
     }
 
-    bool heatsWithoutGas() const { return heats && gas == 0; }
+    bool heatsWithoutGas() const { return heats && gas == 0 && knob == 0; }
 
     double probe = 300.0;
     double target = 292.15;
     bool heats = false;
     unsigned char gas = 0;
+    unsigned char knob = 0; ///< What the box gives and reports while its knob is turned away; 0 at remote.
     unsigned cutWhileHot = 0;
     unsigned failuresInAThousand = 0;
 
@@ -274,6 +275,111 @@ TEST(ATFSMGas, RampsOnAUsersFlowThatIsThere) {
     EXPECT_TRUE(machine.in<On>());
     EXPECT_TRUE(machine.board->heats);
     EXPECT_EQ(machine.board->gas, 4);
+}
+
+// ------------------------------------------------------------------------------------------------- the knob
+
+/// Hold flow and 200 l/h by the knob of version 2.
+constexpr unsigned char kKnobAway = 102;
+
+struct Place {
+    char const* name;
+    void (*reach)(GasMachine&);
+};
+
+void reachRampFrom(GasMachine& aMachine) {
+    aMachine.handle<EvEnable>(); // 310 K with the probe at 300 K
+    aMachine.tick();
+}
+void reachExchangeFrom(GasMachine& aMachine) {
+    reachOn(aMachine);
+    aMachine.handle<EvPrepareTransfer>();
+    aMachine.ticks(3);
+}
+
+constexpr auto kPlaces = std::to_array<Place>({
+    {"off", [](GasMachine& /*aMachine*/) {}},
+    {"target too low",
+     [](GasMachine& aMachine) {
+         aMachine.parameters->setTargetTemperature(0.0);
+         aMachine.handle<EvEnable>();
+     }},
+    {"hold before the ramp", [](GasMachine& aMachine) { aMachine.handle<EvEnable>(); }},
+    {"ramp", reachRampFrom},
+    {"on", reachOn},
+    {"ramp to off",
+     [](GasMachine& aMachine) {
+         reachOn(aMachine);
+         aMachine.board->probe = 330.0;
+         aMachine.handle<EvDisable>();
+     }},
+    {"flush",
+     [](GasMachine& aMachine) {
+         reachRampFrom(aMachine);
+         aMachine.handle<EvDisable>();
+     }},
+    {"hold before off",
+     [](GasMachine& aMachine) {
+         reachRampFrom(aMachine);
+         aMachine.handle<EvDisable>();
+         aMachine.ticks(6);
+     }},
+    {"hard power off", [](GasMachine& aMachine) { aMachine.handle<EvHardPowerOff>(); }},
+    {"way into the exchange",
+     [](GasMachine& aMachine) {
+         reachOn(aMachine);
+         aMachine.handle<EvPrepareTransfer>();
+     }},
+    {"exchange", reachExchangeFrom},
+    {"way out of the exchange",
+     [](GasMachine& aMachine) {
+         reachExchangeFrom(aMachine);
+         aMachine.complete(true);
+     }},
+});
+
+/// An operator turns the knob, and back some seconds later; the machine lives, and is off in the end.
+TEST(ATFSMGas, GoesOnWhereverAnOperatorTurnsTheKnob) {
+    for (Place const& place : kPlaces) {
+        SCOPED_TRACE(place.name);
+        GasMachine machine(Generation::V2);
+        machine.gas->pollATFlowBox();
+        place.reach(machine);
+        machine.board->knob = kKnobAway;
+        for (int second = 0; second < 5; ++second) {
+            machine.gas->pollATFlowBox();
+            machine.tick();
+        }
+        EXPECT_EQ(machine.gas->state(), FlowController::FlowState::OverridenInHardware);
+        machine.board->knob = 0;
+        machine.gas->pollATFlowBox();
+        EXPECT_NE(machine.gas->state(), FlowController::FlowState::OverridenInHardware);
+        machine.complete(true);
+        machine.board->probe = 300.0;
+        machine.handle<EvDisable>();
+        for (int second = 0; second < 30 && !machine.in<Off>() && !machine.in<HardPowerOff>(); ++second) {
+            machine.tick();
+            machine.handle<EvDisable>();
+        }
+        EXPECT_TRUE(machine.in<Off>() || machine.in<HardPowerOff>());
+        EXPECT_FALSE(machine.board->heats);
+    }
+}
+
+/// An exchange is for automation, whose sample must not be blown about by a knob.
+TEST(ATFSMGas, RefusesAnExchangeWhileTheKnobIsTurnedAway) {
+    GasMachine machine(Generation::V2);
+    machine.gas->pollATFlowBox();
+    reachOn(machine);
+    machine.board->knob = kKnobAway;
+    machine.handle<EvPrepareTransfer>();
+    LogCapture log;
+    machine.tick();
+    EXPECT_TRUE(machine.in<On>());
+    EXPECT_TRUE(log.has(Severity::Error,
+                        "Flow box knob is set to NOT REMOTE but strict mode is enabled (automation?)"));
+    EXPECT_FALSE(machine.gas->isStrictMode());
+    EXPECT_TRUE(machine.board->heats) << "on the gas of the knob";
 }
 
 // ------------------------------------------------------------------------------------------- the properties
