@@ -46,6 +46,7 @@ public:
     static constexpr Clock::Duration kCheckTime =
         std::chrono::milliseconds(200); ///< For a new program image.
 
+    ~BoardBase() override = default;
     BoardBase(BoardBase const&) = delete;
     BoardBase& operator=(BoardBase const&) = delete;
 
@@ -85,7 +86,6 @@ protected:
               std::filesystem::path aStateFile,
               Clock& aClock,
               std::span<ObjectRow const> aTable);
-    ~BoardBase() override = default;
 
     /// The state; what it is before load() is that of a new board.
     virtual BoardState& state() = 0;

@@ -150,7 +150,7 @@ TemperatureBoard::TemperatureBoard(Options const& aOptions, Clock& aClock)
     showShimTargets();
     auto const gas = aOptions.gas ? aOptions.gas : std::make_shared<DirectGasSupply>();
     std::uint64_t const seed = aOptions.seed * 0x9E37'79B9'7F4A'7C15ULL + aOptions.node;
-    mControl = std::make_unique<TemperatureControl>(settings(), aOptions.room, gas, seed, aOptions.cold,
+    mControl = std::make_unique<TemperatureControl>(settings({}), aOptions.room, gas, seed, aOptions.cold,
                                                     startedAt());
 }
 
@@ -166,7 +166,7 @@ void TemperatureBoard::onRestart(TimePoint aNow) {
     mState.shimTargets = TemperatureBoardState{}.shimTargets;
     showSetup(mState.setup);
     showShimTargets();
-    mControl->restart(settings(), aNow);
+    mControl->restart(settings({}), aNow);
     mInterfaceBoardReadyAt = aNow + kInterfaceBoardTime;
     mOvercurrents = 0;
     mSpiralTooHot = false; // Told anew, if it still is.
@@ -187,18 +187,15 @@ void TemperatureBoard::showShimTargets() {
 }
 
 /// @return What the dictionary says, and of the heating what is on.
-TemperatureControl::Settings TemperatureBoard::settings() const {
+TemperatureControl::Settings TemperatureBoard::settings(TemperatureControl::Settings const& aPresent) const {
     auto const number = [this](std::uint16_t aIndex, std::uint8_t aSubindex) {
         return static_cast<double>(mDictionary.number({aIndex, aSubindex}));
     };
     constexpr double kMilli = 1e-3;
     TemperatureControl::Settings result;
-    if (mControl) {
-        TemperatureControl::Settings const& present = mControl->settings();
-        result.probeRegulation = present.probeRegulation;
-        result.spiralRegulation = present.spiralRegulation;
-        result.spiralWatt = present.spiralWatt;
-    }
+    result.probeRegulation = aPresent.probeRegulation;
+    result.spiralRegulation = aPresent.spiralRegulation;
+    result.spiralWatt = aPresent.spiralWatt;
     result.outputs = runsProgram();
     result.magnetTarget = number(0x3004, 1) * kMilli;
     result.shimTargets = {mState.shimTargets[0] * kMilli, mState.shimTargets[1] * kMilli};
@@ -235,7 +232,7 @@ TemperatureControl::Settings TemperatureBoard::settings() const {
 
 /// Lets the control do what the dictionary says.
 void TemperatureBoard::apply() {
-    mControl->command(mClock.now(), settings());
+    mControl->command(mClock.now(), settings(mControl->settings()));
 }
 
 // ---------------------------------------------------------------------------------------------- time

@@ -119,7 +119,7 @@ private:
     void showSetup(TemperatureBoardState::Setup const& aSetup);
     void showShimTargets();
     void apply();
-    TemperatureControl::Settings settings() const;
+    TemperatureControl::Settings settings(TemperatureControl::Settings const& aPresent) const;
     std::uint32_t setShimTarget(std::size_t aSubindex, std::int64_t aTarget);
     std::uint32_t setRegulation(bool TemperatureControl::Settings::*aWhich, std::int64_t aOn);
     std::uint32_t setSpiralPower(std::int64_t aMilliWatt);

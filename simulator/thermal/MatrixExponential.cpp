@@ -54,7 +54,9 @@ std::vector<double> matrixExponential(std::span<double const> aMatrix, std::size
         throw std::invalid_argument("There is no exponential of what is no square matrix of numbers");
     }
     int halvings = 0;
-    for (double norm = largestRowSum(aMatrix, aSize); norm > kLargestNorm; norm /= 2.0) {
+    double norm = largestRowSum(aMatrix, aSize);
+    while (norm > kLargestNorm) {
+        norm /= 2.0;
         ++halvings;
     }
     Matrix scaled(aMatrix.begin(), aMatrix.end());
