@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace libfieldwarden::app {
@@ -16,6 +17,7 @@ namespace libfieldwarden::app {
 namespace {
 
 constexpr unsigned kWidth = 20;
+constexpr std::size_t kUsualColumns = 79;
 constexpr char const* kBeginOfClearedLine = "\r\033[K";
 
 bool terminalForRedrawing() {
@@ -48,6 +50,19 @@ void ProgressBar::show(std::string const& aStep, unsigned aDone, unsigned aTotal
         complain(aStep);
     }
     mStep = aStep;
+}
+
+void ProgressBar::showLine(std::string const& aText) {
+    if (!mRedraws) {
+        return;
+    }
+    winsize window{};
+    std::size_t const columns = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 1
+                                    ? window.ws_col - 1U
+                                    : kUsualColumns;
+    fmt::print(stderr, "{}{}", kBeginOfClearedLine, aText.substr(0, columns));
+    std::fflush(stderr);
+    mDrawn = true;
 }
 
 void ProgressBar::clear() {

@@ -20,6 +20,9 @@ public:
     /// @param aTotal  Parts of the whole; 0 when nobody knows.
     void show(std::string const& aStep, unsigned aDone, unsigned aTotal);
 
+    /// Draws one line of text in place of the bar, as far as it fits; only where the bar is redrawn.
+    void showLine(std::string const& aText);
+
     /// Takes the bar off, so that something else can be printed.
     void clear();
 

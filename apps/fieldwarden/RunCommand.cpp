@@ -7,13 +7,19 @@
 #include "apps/fieldwarden/LockEvents.h"
 #include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/Output.h"
+#include "apps/fieldwarden/PhaseClock.h"
+#include "apps/fieldwarden/ProbeRun.h"
 #include "apps/fieldwarden/ProgressBar.h"
 #include "apps/fieldwarden/ShimEvents.h"
 #include "apps/fieldwarden/StopSignal.h"
+#include "apps/fieldwarden/TemperatureEvents.h"
+#include "apps/fieldwarden/TemperatureText.h"
+#include "apps/fieldwarden/TemperatureWatch.h"
 
 #include <fieldwarden/BoundedValue.h>
 #include <fieldwarden/FieldwardenInterface.h>
 #include <fieldwarden/LockDiagnosticsInterface.h>
+#include <fieldwarden/LockForTemperatureIfc.h>
 #include <fieldwarden/LockInterface.h>
 #include <fieldwarden/ShimInterface.h>
 #include <velmor/kepla/datalogger/DataLoggerReader.h>
@@ -27,6 +33,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -65,6 +72,7 @@ public:
                                std::chrono::duration<double>(*mOptions.seconds));
         }
         auto const frequency = frequencyFor(mOptions.session, mOptions.frequency);
+        auto const target = mOptions.at ? std::optional(temperatureFromText(*mOptions.at)) : std::nullopt;
         StopSignal const stop;
         Session session(mOptions.session);
         announceOpening(session);
@@ -82,11 +90,20 @@ public:
                 startLocking(*lock, frequency);
             }
             mH0File = session.dataLoggerFile();
+            mPhases.begin("lock start");
+            if (auto* const temperature = session.library().getTemperature()) {
+                startTempering(session, *temperature, target);
+            }
             listen(stop);
+            bringProbeDown(stop);
             mLockEvents = nullptr;
+            mWatch.reset();
+            if (mTemperatureEvents) {
+                mTemperatureEvents->stop();
+            }
         }
         closeInOrder(session, stop, begin);
-        return kDone;
+        return exitCode(stop);
     }
 
 private:
@@ -151,11 +168,64 @@ private:
         }
     }
 
+    /// Watches the temperatures, and hands the probe over to its regulation where a target was given.
+    void startTempering(Session& aSession,
+                        TemperatureInterface& aTemperature,
+                        std::optional<double> aTarget) {
+        mWatch.emplace(aTemperature, mQueue);
+        mTemperatureEvents.emplace(aTemperature, mQueue);
+        if (aTarget) {
+            mProbe.emplace(aTemperature, dynamic_cast<LockForTemperatureIfc*>(aSession.library().getLock()),
+                           *aTarget, mQueue, mPhases);
+        }
+    }
+
+    /// What is done once a second beside the events.
+    void look() {
+        if (RealTime::now() < mNextLook) {
+            return;
+        }
+        mNextLook = RealTime::now() + std::chrono::milliseconds(kLookMilliseconds);
+        tellH0();
+        if (mWatch) {
+            mWatch->look();
+        }
+        if (mProbe) {
+            auto const& now = mWatch->temperatures();
+            mProbe->look(now ? now->probeKelvin : std::nullopt);
+        }
+        mDrawn = false;
+    }
+
+    /// On a terminal, the line below the events: the start of the lock, the probe, and the temperatures.
+    void drawLine() {
+        if (!mBar.redraws() || mOptions.json || mDrawn || !mWatch) {
+            return;
+        }
+        auto const& now = mWatch->temperatures();
+        std::string line = mLockLine;
+        if (mProbe && mLockLine.empty()) {
+            line = mProbe->words(now ? now->flowLiterPerHour : 0.0);
+        }
+        line += (line.empty() ? "" : " | ") + mWatch->words();
+        mBar.showLine(line);
+        mDrawn = true;
+    }
+
+    /// What the terminal's line shows already.
+    bool isOnTheLine(Event const& aEvent) const {
+        return mBar.redraws() && !mOptions.json &&
+               (aEvent.name == TemperatureWatch::kTemperatures || aEvent.name == ProbeRun::kRamp);
+    }
+
     /// A step of a start: its bar on a terminal, otherwise a line when it begins.
     void showProgress(Event const& aEvent) {
         std::string const step = aEvent.fields["step"];
         if (mBar.redraws() && !mOptions.json) {
-            mBar.show(step, aEvent.fields["done"], aEvent.fields["total"]);
+            unsigned const done = aEvent.fields["done"];
+            unsigned const total = aEvent.fields["total"];
+            mLockLine = fmt::format("{} {} {}/{}", barText(done, total), step, done, total);
+            mDrawn = false;
         } else if (step != mStep) {
             mReaderThere = mReaderThere && mPrinter.print(aEvent);
         }
@@ -188,18 +258,62 @@ private:
     }
 
     void listen(StopSignal const& aStop) {
-        while (mReaderThere && aStop.name().empty() && (!mEnd || RealTime::now() < *mEnd)) {
-            std::array<pollfd, 2> watched{
-                {{aStop.descriptor(), POLLIN, 0}, {mQueue.descriptor(), POLLIN, 0}}};
-            int const wait = waitMilliseconds(mEnd);
-            poll(watched.data(), watched.size(),
-                 wait < 0 ? kLookMilliseconds : std::min(wait, kLookMilliseconds));
-            if (RealTime::now() >= mNextLook) {
-                mNextLook = RealTime::now() + std::chrono::milliseconds(kLookMilliseconds);
-                tellH0();
-            }
-            printAll();
+        while (mReaderThere && aStop.name().empty() && (!mEnd || RealTime::now() < *mEnd) && !isDone()) {
+            waitFor(aStop.descriptor(), waitMilliseconds(mEnd));
         }
+    }
+
+    /// Whether there is nothing left to wait for.
+    bool isDone() const {
+        return mOptions.untilStable && mProbe && (mProbe->wasStable() || mProbe->over() || mLockFailed);
+    }
+
+    /// Waits for news, for a second at most, and shows what there is.
+    /// @param aStop  A descriptor that ends the wait, too; -1 for none.
+    void waitFor(int aStop, int aMilliseconds) {
+        std::array<pollfd, 2> watched{{{aStop, POLLIN, 0}, {mQueue.descriptor(), POLLIN, 0}}};
+        poll(watched.data(), watched.size(),
+             aMilliseconds < 0 ? kLookMilliseconds : std::min(aMilliseconds, kLookMilliseconds));
+        look();
+        printAll();
+        drawLine();
+    }
+
+    /// Waits until the probe is off, with a bound; a second Ctrl-C ends the process.
+    void bringProbeDown(StopSignal const& aStop) {
+        if (!mProbe) {
+            return;
+        }
+        mReachedStable = mProbe->wasStable();
+        mProbe->switchOff();
+        if (!mProbe->over()) {
+            mBar.clear();
+            complain((aStop.name().empty() ? "" : aStop.name() + ", ") +
+                     std::string("bringing the probe down before closing"));
+        }
+        while (!mProbe->over() && !mProbe->overdue()) {
+            waitFor(-1, kLookMilliseconds);
+        }
+        mBar.clear();
+        if (mProbe->overdue()) {
+            complain("the probe takes too long to come down; closing cuts its heating and gas");
+        }
+    }
+
+    int exitCode(StopSignal const& aStop) const {
+        if (!mProbe) {
+            return kDone;
+        }
+        if (mProbe->stage() == ProbeRun::Stage::Failed || (mOptions.untilStable && mLockFailed)) {
+            return kLost;
+        }
+        if (mProbe->overdue()) {
+            return kTimedOut;
+        }
+        if (mOptions.untilStable && !mReachedStable) {
+            return aStop.name().empty() ? kTimedOut : kLost;
+        }
+        return kDone;
     }
 
     void printAll() {
@@ -208,11 +322,27 @@ private:
                 showProgress(event);
                 continue;
             }
-            if (mLockEvents != nullptr && event.source == "lock") {
-                mLockEvents->describe(event);
+            if (event.source == "lock") {
+                hearLock(event);
             }
-            mBar.clear();
-            mReaderThere = mReaderThere && mPrinter.print(event);
+            if (mProbe) {
+                mProbe->hear(event);
+            }
+            if (!isOnTheLine(event)) {
+                mBar.clear();
+                mDrawn = false;
+                mReaderThere = mReaderThere && mPrinter.print(event);
+            }
+        }
+    }
+
+    void hearLock(Event& aEvent) {
+        if (mLockEvents != nullptr) {
+            mLockEvents->describe(aEvent);
+        }
+        mLockFailed = mLockFailed || aEvent.name == "error";
+        if (aEvent.name == "state" || aEvent.name == "error") {
+            mLockLine.clear(); // The start has come to its end.
         }
     }
 
@@ -220,11 +350,30 @@ private:
         if (!aStop.name().empty()) {
             complain(aStop.name() + ", closing");
         }
+        mPhases.begin("close");
         aSession.close();
+        mPhases.end();
         double const seconds = std::chrono::duration<double>(RealTime::now() - aBegin).count();
-        mQueue.push({{}, "library", "closed", "closed", {{"seconds", seconds}}, Tone::Plain});
+        Event closed{{}, "library", "closed", "closed", {{"seconds", seconds}}, Tone::Plain};
+        if (mProbe) {
+            closed.fields["phases"] = phasesAsJson();
+        }
+        mQueue.push(std::move(closed));
         printAll();
+        if (mProbe && !mOptions.json && mReaderThere) {
+            print("\n" + phaseTable(mPhases.phases()));
+        }
         complain(fmt::format("closed after {:.1f} s, {} events", seconds, mPrinter.count()));
+    }
+
+    nlohmann::ordered_json phasesAsJson() const {
+        auto phases = nlohmann::ordered_json::array();
+        for (Phase const& phase : mPhases.phases()) {
+            phases.push_back({{"phase", phase.name},
+                              {"realSeconds", phase.realSeconds},
+                              {"instrumentSeconds", phase.instrumentSeconds}});
+        }
+        return phases;
     }
 
     RunOptions const& mOptions;
@@ -239,6 +388,14 @@ private:
     std::optional<double> mH0Percent; ///< As it was told last.
     RealTime::time_point mNextLook;
     bool mReaderThere = true;
+    PhaseClock mPhases{"opening"};
+    std::optional<TemperatureWatch> mWatch;
+    std::optional<TemperatureEvents> mTemperatureEvents; ///< Outlives the open library.
+    std::optional<ProbeRun> mProbe;                      ///< Only with a target for the probe.
+    bool mReachedStable = false;                         ///< Before the way down.
+    bool mLockFailed = false;
+    std::string mLockLine; ///< How far the start of the lock is; empty before and after.
+    bool mDrawn = false;   ///< Whether the terminal's line shows all this.
 };
 
 } // namespace

@@ -116,7 +116,8 @@ void Session::openOnSimulation(SessionOptions const& aOptions) {
     }
     mInstrument = std::make_shared<sim::Instrument>(sim::Instrument::Options{
         .folder = aOptions.dataDirectory ? *aOptions.dataDirectory : mScratch->path(),
-        .timeScale = aOptions.timeScale});
+        .timeScale = aOptions.timeScale,
+        .cold = aOptions.cold});
     Backend::use(sim::makeSimulatedBackend(mInstrument));
     sim::Folders const& folders = mInstrument->folders();
     mDataRoot = folders.data;

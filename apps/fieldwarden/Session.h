@@ -25,6 +25,7 @@ struct SessionOptions {
     bool simulate = false;
     LockKind lock = LockKind::Real;
     double timeScale = 1.0; ///< Only with simulate.
+    bool cold = false;      ///< Only with simulate: all that is tempered begins at the room's temperature.
     std::optional<std::filesystem::path>
         dataDirectory;             ///< Of the simulated instrument, or the real data root.
     std::optional<int> shimSystem; ///< 8 to 11; otherwise the one that was chosen last.

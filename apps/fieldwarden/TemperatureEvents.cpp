@@ -16,7 +16,7 @@ TemperatureEvents::TemperatureEvents(TemperatureInterface& aTemperature, EventQu
     mTemperature.setListener(this);
 }
 
-TemperatureEvents::~TemperatureEvents() {
+void TemperatureEvents::stop() {
     mTemperature.removeListener();
 }
 

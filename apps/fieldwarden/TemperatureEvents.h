@@ -10,9 +10,9 @@ class TemperatureInterface;
 
 namespace libfieldwarden::app {
 
-/// Listens to the temperature service from construction to destruction. The calls come on several of the
-/// library's threads. Temperatures and power move all the time: whoever wants them reads them at leisure, so
-/// their news makes no events.
+/// Listens to the temperature service from construction to stop() or the library's end. The calls come on
+/// several of the library's threads. Temperatures and power move all the time: whoever wants them reads them
+/// at leisure, so their news makes no events.
 class TemperatureEvents : public TemperatureListenerInterface {
 public:
     /// The names of the events, all of the source "probe", but "ready" of the source "magnet".
@@ -27,9 +27,12 @@ public:
     /// @param aTemperature  The temperature service; outlives this object.
     /// @param aQueue        Takes the events; outlives this object, and the library's last call.
     TemperatureEvents(TemperatureInterface& aTemperature, EventQueue& aQueue);
-    ~TemperatureEvents() override;
+    ~TemperatureEvents() override = default;
     TemperatureEvents(TemperatureEvents const&) = delete;
     TemperatureEvents& operator=(TemperatureEvents const&) = delete;
+
+    /// Listens no more. A call that is under way may still end, so this object outlives the open library.
+    void stop();
 
     void magnetTemperatureChanged(double /*aTemperature*/) override {}
     void magnetReadyChanged(bool aReady) override;

@@ -188,8 +188,8 @@ private:
     void addRun() {
         CLI::App& command =
             add(mProgram, "run", "Open the library and print what it says until Ctrl-C",
-                "run [--simulate] [--lock mock|real] [--frequency MHZ] [--time-scale N] [--for SECONDS] "
-                "[--data DIR] [--system N] [--json]");
+                "run [--simulate] [--lock mock|real] [--frequency MHZ] [--at KELVIN] [--until-stable] "
+                "[--time-scale N] [--cold] [--for SECONDS] [--data DIR] [--system N] [--json]");
         auto const options = std::make_shared<RunOptions>();
         addSessionOptions(command, options->session);
         command.add_option("--for", options->seconds, "Close after so many seconds")
@@ -197,8 +197,22 @@ private:
             ->type_name("SECONDS");
         command.add_flag("--json", options->json, "One JSON object a line instead of text");
         addFrequencyOption(command, options->frequency);
+        auto* const at = command.add_option("--at", options->at,
+                                            "Bring the probe to this temperature, as in 310, 310K or 36.85C, "
+                                            "once the lock is armed; it comes "
+                                            "down again before the library closes");
+        at->type_name("KELVIN");
+        command
+            .add_flag("--until-stable", options->untilStable,
+                      "Bring the probe down and close as soon as it is stable at its target")
+            ->needs(at);
+        command.add_flag("--cold", options->session.cold,
+                         "With --simulate: begin with all parts at the room's temperature");
         does(command, [&command, options] {
             checkSessionOptions(command, options->session);
+            if (options->session.cold && !options->session.simulate) {
+                throw WrongUsage("--cold goes with --simulate: a real instrument is as warm as it is");
+            }
             return runCommand(*options);
         });
     }
