@@ -4,10 +4,16 @@
 #include "support/TemporaryDirectory.h"
 #include "unit/simulator/boards/TemperatureBoardRig.h"
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -15,7 +21,9 @@
 namespace {
 
 using libfieldwarden::sim::Emergency;
+using libfieldwarden::sim::ObjectAccess;
 using libfieldwarden::sim::TemperatureBoard;
+using libfieldwarden::sim::ThermalModel;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::TemperatureBoardRig;
 using libfieldwarden::test::TemporaryDirectory;
@@ -302,6 +310,14 @@ TEST_F(TemperatureBoardTest, StartsWithPowerOnValuesFromADamagedFileAndTells) {
     EXPECT_EQ(log.lines()[0].name, "TemperatureBoard(node 7)");
 }
 
+TEST_F(TemperatureBoardTest, FindsItsTargetsAgainAfterARestart) {
+    mBoard->restart(TemperatureBoard::Start::Network);
+    // Without its integral a face at 20 W/K is short of the watt that holds it by 50 mK at most.
+    EXPECT_LT(farthest(25.0, 4h, [this] { return magnet(); }), 0.05);
+    EXPECT_NEAR(magnet(), 25.0, 0.005);
+    EXPECT_NEAR(shimCoil(), 25.0, 0.005);
+}
+
 // ---------------------------------------------------------------------------------------------- noise
 
 TEST_F(TemperatureBoardTest, ReadsTheSameWithTheSameSeedAndScript) {
@@ -453,6 +469,83 @@ TEST_F(TemperatureBoardTest, TellsTheFieldTheTrueTemperaturesInKelvin) {
     mBoard->setFieldObserver({});
     mBoard->advance(mClock.now());
     EXPECT_EQ(told.size(), 2U);
+}
+
+// ---------------------------------------------------------------------------------------------- robustness
+
+TEST_F(TemperatureBoardTest, StaysPhysicalWhateverIsWrittenToIt) {
+    std::mt19937 random(11);
+    std::vector<SdoObject> const objects = mBoard->dictionary().objects();
+    auto const upTo = [&random](std::size_t aHighest) {
+        return std::uniform_int_distribution<std::size_t>(0, aHighest)(random);
+    };
+    for (int access = 0; access < 20'000; ++access) {
+        SdoObject const object = objects.at(upTo(objects.size() - 1));
+        bool const isProgram = object.index >= 0x1F50 && object.index <= 0x1F57;
+        Bytes data(std::array<std::size_t, 5>{0, 1, 2, 4, 9}.at(upTo(4)));
+        for (std::uint8_t& byte : data) {
+            byte = static_cast<std::uint8_t>(upTo(3) == 0 ? upTo(255) : upTo(2));
+        }
+        if (!isProgram) {
+            mBoard->write(object, data);
+        }
+        mClock.advance(std::chrono::milliseconds(upTo(2000)));
+        mBoard->read(object, data);
+    }
+    ThermalModel::Temperatures const is = mBoard->temperatures();
+    // 43 W at most on 0.03 W/K, above a room of 23 degrees.
+    EXPECT_GT(is.spiral, 0.0);
+    EXPECT_LT(is.spiral, 23.0 + 43.0 / 0.03);
+    for (double const face : is.faces) {
+        EXPECT_GT(face, 0.0);
+        EXPECT_LT(face, 100.0);
+    }
+    EXPECT_GT(is.air, -60.0);
+    EXPECT_LT(is.air, 100.0);
+    EXPECT_GT(is.probe, 0.0);
+    for (SdoObject const object : objects) {
+        Bytes data;
+        if (mBoard->dictionary().row(object).access != ObjectAccess::WriteOnly) {
+            EXPECT_EQ(mBoard->read(object, data), 0U);
+        }
+    }
+}
+
+TEST_F(TemperatureBoardTest, MayBeTalkedToWhileItIsDrivenAndBroken) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> told{0};
+    mBoard->setFieldObserver([&](double, double) { ++told; });
+    std::thread bus([&] {
+        Bytes data;
+        while (!stop) {
+            data.clear();
+            EXPECT_EQ(mBoard->read(kSpiral, data), 0U);
+            EXPECT_EQ(mBoard->write(kGas, Bytes{3}), 0U);
+            EXPECT_EQ(mBoard->write(kShimTarget, Bytes{0x2C, 0x63}), 0U);
+        }
+    });
+    std::thread node([&] {
+        while (!stop) {
+            mBoard->advance(mClock.now());
+            mBoard->takeEmergencies();
+        }
+    });
+    for (int round = 0; round < 200; ++round) {
+        mClock.advance(300ms);
+        mBoard->failSensor(Sensor::Probe, round % 2 == 0 ? Fault::Open : Fault::None);
+        mBoard->countOvercurrent();
+        mBox->turnKnob(round % 3 == 0 ? libfieldwarden::sim::FlowBox::Knob::Off
+                                      : libfieldwarden::sim::FlowBox::Knob::Remote);
+        EXPECT_NEAR(mBoard->temperatures().magnet(), 25.0, 0.1); // A restart forgets the integral.
+        mBoard->heatingWatch();
+        if (round % 50 == 49) {
+            mBoard->restart(TemperatureBoard::Start::Network);
+        }
+    }
+    stop = true;
+    bus.join();
+    node.join();
+    EXPECT_GT(told, 0);
 }
 
 } // namespace
