@@ -22,6 +22,7 @@
 #include <velmor/kepla/deviceid/DeviceIdClientIfc.h>
 #include <velmor/kepla/utils/PeriodicCallerManager.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -30,6 +31,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -62,13 +64,19 @@ public:
         return std::exchange(mWrites, {});
     }
 
+    /// Refuses writes of one kind from now on, or of none. Switching off is never refused.
+    void refuse(std::optional<What> aWhat) {
+        std::lock_guard const lock(mMutex);
+        mRefused = aWhat;
+    }
+
     std::uint32_t write(SdoObject aObject, std::span<std::uint8_t const> aData) override {
-        if (aObject == SdoObject{0x3304, 1}) {
-            note(What::Target, aData);
-        } else if (aObject == SdoObject{0x3303, 2}) {
-            note(What::Regulation, aData);
-        } else if (aObject == SdoObject{0x3303, 3}) {
-            note(What::Flow, aData);
+        static constexpr std::array<std::pair<SdoObject, What>, 3> kWatched{
+            {{{0x3304, 1}, What::Target}, {{0x3303, 2}, What::Regulation}, {{0x3303, 3}, What::Flow}}};
+        for (auto const& [object, what] : kWatched) {
+            if (aObject == object && !note(what, aData)) {
+                return kRefusal;
+            }
         }
         return mBoard->write(aObject, aData);
     }
@@ -90,19 +98,29 @@ public:
     void setWaker(std::function<void()> aWake) override { mBoard->setWaker(std::move(aWake)); }
 
 private:
-    void note(What aWhat, std::span<std::uint8_t const> aData) {
+    static constexpr std::uint32_t kRefusal = 0x0800'0021; ///< CiA 301: because of local control.
+    static constexpr int kColdTarget = 19000;              ///< What switching off sets.
+
+    /// @return Whether the board may have it.
+    bool note(What aWhat, std::span<std::uint8_t const> aData) {
         std::uint32_t bits = 0;
         for (std::size_t byte = 0; byte < aData.size(); ++byte) {
             bits |= static_cast<std::uint32_t>(aData[byte]) << (8 * byte);
         }
+        auto const value = static_cast<int>(bits);
         std::lock_guard const lock(mMutex);
-        mWrites.push_back({mClock.now(), aWhat, static_cast<int>(bits)});
+        if (mRefused == aWhat && value != 0 && value != kColdTarget) {
+            return false;
+        }
+        mWrites.push_back({mClock.now(), aWhat, value});
+        return true;
     }
 
     std::shared_ptr<sim::BoardModelIfc> mBoard;
     velmor::platform::Clock& mClock;
-    std::mutex mMutex;
+    std::mutex mMutex; ///< Guards all below.
     std::vector<Write> mWrites;
+    std::optional<What> mRefused;
 };
 
 /// The values that were written of one kind, in order.
@@ -187,6 +205,24 @@ public:
     void seconds(int aCount) {
         for (int passed = 0; passed < aCount; ++passed) {
             second();
+        }
+    }
+
+    /// Time passes for the board, whether or not the library can follow.
+    void pass(std::chrono::seconds aTime) {
+        for (auto left = aTime; left > std::chrono::seconds(0); left -= std::chrono::seconds(1)) {
+            clock->advance(std::chrono::seconds(1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    /// No frame of the board's node comes through any more, nor to it; or they do again.
+    void cutBus(bool aCut) {
+        if (aCut) {
+            mBus.inject({.action = velmor::kepla::canopen::BusFault::Action::Drop,
+                         .count = velmor::kepla::canopen::BusFault::kAlways});
+        } else {
+            mBus.healAll();
         }
     }
 

@@ -153,6 +153,19 @@ TEST_P(ATRampOnInstrument, GoesDownFlushesHoldsAndIsOff) {
     EXPECT_FALSE(service().atEnabled());
 }
 
+TEST_P(ATRampOnInstrument, StaysOff) {
+    ramp(303.0);
+    setOn(false);
+    ASSERT_GT(mInstrument.secondsUntil([&] { return isOff(); }, 20 * kMinute), 0);
+    mInstrument.seconds(kMinute);
+    EXPECT_TRUE(isOff());
+    EXPECT_EQ(mInstrument.board->drive().spiralWatt, 0.0);
+    // Intended: the machine closes the valves without a word to the flow controller. To it, a box of the
+    // first generation then looks as one whose knob was away, and it restores the hold gas of the last stage.
+    bool const hold = GetParam() == Generation::V1;
+    EXPECT_EQ(mInstrument.flowBox->valves(), (libfieldwarden::sim::FlowBox::Valves{hold, 0}));
+}
+
 TEST_P(ATRampOnInstrument, IsRefusedUntilTheLockIsArmed) {
     LogCapture log;
     mInstrument.lock->armed = false;
