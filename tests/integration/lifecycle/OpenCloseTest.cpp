@@ -39,18 +39,18 @@ struct Footprint {
     }();
 };
 
-TEST(OpenClose, LeavesNoThreadDescriptorOrMemoryBehindInAThousandTimes) {
+/// Opens and closes the library often, and expects that nothing piles up.
+/// @param aTimes  At least 10 more than are to be counted: the first ten let the process take what it keeps.
+void expectNothingLeftBehindBy(int aTimes) {
     constexpr int kWarmUp = 10;
-    constexpr int kTimes = 1000;
     // Without this the allocator keeps the first large blocks for good, which would look like growth.
     mallopt(M_MMAP_THRESHOLD, 128 * 1024); // NOLINT(concurrency-mt-unsafe): there is no other thread yet.
     TemporaryDirectory const directory;
-    std::filesystem::create_directory("/tmp/lockmock");
     Backend::use(libfieldwarden::sim::makeSimulatedBackend(
         std::make_shared<Instrument>(Instrument::Options{.folder = directory.path()})));
     velmor::kepla::log::Configuration::initWith({});
     Footprint before;
-    for (int i = 0; i < kTimes; ++i) {
+    for (int i = 0; i < aTimes; ++i) {
         if (i == kWarmUp) {
             before = Footprint();
         }
@@ -58,17 +58,30 @@ TEST(OpenClose, LeavesNoThreadDescriptorOrMemoryBehindInAThousandTimes) {
         FieldwardenInterface::closeInterface();
     }
     Footprint const after;
-    std::filesystem::remove_all("/tmp/lockmock");
     EXPECT_EQ(after.threads, before.threads);
     EXPECT_EQ(after.descriptors, before.descriptors);
-    RecordProperty("resident pages before", static_cast<int>(before.residentPages));
-    RecordProperty("resident pages after", static_cast<int>(after.residentPages));
+    testing::Test::RecordProperty("resident pages before", static_cast<int>(before.residentPages));
+    testing::Test::RecordProperty("resident pages after", static_cast<int>(after.residentPages));
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // A leak of a single small block an opening would be 990 blocks; a quarter of a MiB is the allocator's
-    // own play.
+    // A leak of a single small block an opening would be as many blocks as openings; a quarter of a MiB is
+    // the allocator's own play.
     long const quarterMiB = 256L * 1024 / sysconf(_SC_PAGESIZE);
     EXPECT_LE(after.residentPages - before.residentPages, quarterMiB);
 #endif
+    Backend::use(nullptr);
+}
+
+TEST(OpenClose, LeavesNoThreadDescriptorOrMemoryBehindInAThousandTimes) {
+    std::filesystem::create_directory("/tmp/lockmock");
+    expectNothingLeftBehindBy(1000);
+    std::filesystem::remove_all("/tmp/lockmock");
+}
+
+// Lock and temperature service keep each other: were the ring not opened on the way down, each opening would
+// leave both behind, with the threads of the lock and of the adjustable temperature.
+TEST(OpenClose, LeavesNothingOfTheRealLockAndTheTemperatureServiceBehind) {
+    ASSERT_FALSE(std::filesystem::exists("/tmp/lockmock"));
+    expectNothingLeftBehindBy(100);
 }
 
 } // namespace
