@@ -10,6 +10,7 @@
 #include <fieldwarden/LockInterface.h>
 #include <fieldwarden/SampleRotationInterface.h>
 #include <fieldwarden/ShimInterface.h>
+#include <fieldwarden/TemperatureInterface.h>
 #include <velmor/kepla/canopen/CanChannel.h>
 #include <velmor/kepla/log/Configuration.h>
 #include <velmor/platform/Backend.h>
@@ -404,6 +405,100 @@ TEST_F(FieldwardenInterfaceTest, FailsOnAShimBoardThatIsSilentAndCanBeOpenedWhen
     Backend::use(mBackend);
     open();
     EXPECT_TRUE(isOpen());
+}
+
+TEST_F(FieldwardenInterfaceTest, FailsOnATemperatureBoardThatIsSilentAndCanBeOpenedWhenItAnswersAgain) {
+    // 30 s to come up: 3 s on an instrument that is ten times as fast, which leaves the shim boards 100 ms
+    // for each of their answers.
+    TemporaryDirectory const folder;
+    auto const fast =
+        std::make_shared<Instrument>(Instrument::Options{.folder = folder.path(), .timeScale = 10.0});
+    fast->temperatureBoardFaults().setSilent(true);
+    Backend::use(std::make_shared<HookedBackend>(fast));
+    EXPECT_THAT([&] { open(); }, ThrowsMessage<std::runtime_error>(HasSubstr("did not come up within 30 s")));
+    EXPECT_TRUE(mLog->has(Severity::Info, "initializing temperature..."));
+    EXPECT_FALSE(mLog->has(Severity::Info, "initializing lock..."));
+    EXPECT_FALSE(isOpen());
+    Backend::use(mBackend);
+    open();
+    EXPECT_TRUE(isOpen());
+}
+
+TEST_F(FieldwardenInterfaceTest, GivesTheTemperatureServiceOfTheBoard) {
+    open();
+    TemperatureInterface* const temperature = FieldwardenInterface::getInstance()->getTemperature();
+    ASSERT_NE(temperature, nullptr);
+    // The board has stayed switched on: all is on its target of 25 degrees Celsius.
+    EXPECT_NEAR(temperature->getMagnetTemperature().value, 298.15, 0.05);
+    EXPECT_NEAR(temperature->getShimCoilTemperature().value, 25.0, 0.05);
+    EXPECT_FALSE(temperature->isMagnetReady());
+    EXPECT_TRUE(mLog->has(Severity::Info,
+                          "configureIsoBoxPeltier: isobox tempering peltier type 1 specified in MDS"));
+}
+
+TEST_F(FieldwardenInterfaceTest, OpensWithoutTheOptionWhereTheRecordOfTheUnitIsMissingOrDamaged) {
+    for (char const* const text : {"", "<record><group name="}) {
+        std::filesystem::remove(record("vtu.mds"));
+        if (*text != 0) {
+            writeFile(record("vtu.mds"), text);
+        }
+        mLog->clear();
+        open();
+        EXPECT_FALSE(FieldwardenInterface::getInstance()->getTemperature()->getProbeDeviceActiveChannel());
+        auto const errors = mLog->linesUpTo(Severity::Error);
+        EXPECT_THAT(errors,
+                    testing::Contains(testing::Field(
+                        &CapturedLine::text, StartsWith("Failed to parse VTU MDS, will consider system "
+                                                        "doesn't have the AT option. Error was "))));
+        FieldwardenInterface::closeInterface();
+    }
+}
+
+TEST_F(FieldwardenInterfaceTest, OpensWithoutAMainRecord) {
+    std::filesystem::remove(record("main.mds"));
+    open();
+    EXPECT_TRUE(isOpen());
+    EXPECT_THAT(mLog->linesUpTo(Severity::Error),
+                testing::Contains(testing::Field(
+                    &CapturedLine::text, StartsWith("Failed to configure the iso box peltier, error is "))));
+}
+
+// A service that has no lock does not ask for one.
+TEST_F(FieldwardenInterfaceTest, LetsTheProbeBeRegulatedWithTheMockLock) {
+    open();
+    TemperatureInterface* const temperature = FieldwardenInterface::getInstance()->getTemperature();
+    ASSERT_TRUE(temperature->getProbeDeviceActiveChannel());
+    EXPECT_NO_THROW(temperature->setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::On));
+    EXPECT_NO_THROW(temperature->setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::Off));
+}
+
+TEST_F(FieldwardenInterfaceTest, AsksTheRealLockBeforeTheProbeIsRegulated) {
+    std::filesystem::remove_all(kLockMock);
+    open();
+    TemperatureInterface* const temperature = FieldwardenInterface::getInstance()->getTemperature();
+    EXPECT_THAT([&] { temperature->setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::On); },
+                ThrowsMessage<std::runtime_error>(
+                    "The lock must be enabled and locked before AT operation can be started."));
+}
+
+TEST_F(FieldwardenInterfaceTest, DumpsTheTemperatureBoardBeforeTheShimBoards) {
+    open();
+    auto& library = dynamic_cast<FieldwardenInterfaceQ47&>(*FieldwardenInterface::getInstance());
+    auto const folder = mDirectory.path() / "dump";
+    for (char const* const inTheWay :
+         {"canopen_temperature.dump", "canopen_shim_8.dump", "canopen_shim_9.dump"}) {
+        std::filesystem::create_directories(folder / inTheWay); // A folder cannot be written as a file.
+    }
+    mLog->clear();
+    library.createLog(folder.string(), 0, 0);
+    std::vector<std::string> who;
+    for (CapturedLine const& line : mLog->linesUpTo(Severity::Error)) {
+        EXPECT_THAT(line.text, StartsWith("Failed to dump CanOpen values with '"));
+        EXPECT_THAT(line.text, HasSubstr("cannot open "));
+        who.push_back(line.name);
+    }
+    EXPECT_THAT(
+        who, ElementsAre(StartsWith("TempBoardQ47"), StartsWith("ShimBoardQ47"), StartsWith("ShimBoardQ47")));
 }
 
 TEST_F(FieldwardenInterfaceTest, WritesTheSameDumpsForAnyTypeAndId) {
