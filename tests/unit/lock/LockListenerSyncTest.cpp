@@ -2,6 +2,7 @@
 // The lock's news on their way to the daemon.
 #include "lock/LockListenerSync.h"
 
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -9,12 +10,14 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 using libfieldwarden::test::CapturedLine;
+using libfieldwarden::test::eventually;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::Severity;
 using testing::ElementsAre;
@@ -133,6 +136,49 @@ TEST_F(LockListenerSyncTest, SurvivesAListenerThatThrows) {
     EXPECT_TRUE(mLog.has(Severity::Error, "The lock's listener failed in state: daemon trouble"));
     EXPECT_TRUE(mLog.has(Severity::Error, "The lock's listener failed in doing"));
     EXPECT_THAT(thrower.heard, ElementsAre("lost 1"));
+}
+
+TEST_F(LockListenerSyncTest, LetsAListenerAskForTheStatusThatItIsTold) {
+    class Asker : public Heard {
+    public:
+        explicit Asker(LockListenerSync const& aSync)
+            : mSync(aSync) {}
+        void state(int aStatus) override {
+            heard.push_back("state " + std::to_string(aStatus) + ", last " +
+                            std::to_string(mSync.lastState()));
+        }
+
+    private:
+        LockListenerSync const& mSync;
+    } asker(mSync);
+    mSync.setListener(&asker);
+    mSync.state(6);
+    EXPECT_THAT(asker.heard, ElementsAre("state 6, last 6"));
+}
+
+TEST_F(LockListenerSyncTest, KeepsTheOtherSpeakersWaitingForASlowListener) {
+    class Slow : public Heard {
+    public:
+        void error(std::string const& aText) override {
+            entered.set_value();
+            goOn.get_future().wait();
+            Heard::error(aText);
+        }
+        std::promise<void> entered;
+        std::promise<void> goOn;
+    } slow;
+    mSync.setListener(&slow);
+    std::thread first([this] { mSync.error("first"); });
+    slow.entered.get_future().wait();
+    std::thread second([this] { mSync.lost(1); });
+    std::thread remover([this] { mSync.removeListener(); });
+    EXPECT_TRUE(eventually([this] { return mLog.has(Severity::Info, "+lost(status = 1)"); }));
+    EXPECT_FALSE(mLog.has(Severity::Debug, "-LockQ47::removeListener")); // a call is under way
+    slow.goOn.set_value();
+    for (std::thread* thread : {&first, &second, &remover}) {
+        thread->join();
+    }
+    EXPECT_EQ(slow.heard.front(), "error first"); // "lost" comes behind it, or not at all
 }
 
 TEST_F(LockListenerSyncTest, HasNoCallUnderWayOnceTheListenerIsRemoved) {

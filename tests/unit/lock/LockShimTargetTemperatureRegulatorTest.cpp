@@ -12,10 +12,14 @@
 #include <fieldwarden/ShimTargetTemperatureIfc.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <cstddef>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -314,6 +318,59 @@ TEST_F(LockShimTargetTemperatureRegulatorTest, TakesTheWholeRangeOfTheDac) {
     // 2147483647 + 2147483648 = 4294967295 counts, times 1e-9, is out of range
     EXPECT_THAT(values("error"), ElementsAre(4294967295.0));
     EXPECT_THAT(mTarget->set, ElementsAre(DoubleNear(298.65, kTiny)));
+}
+
+/// A clock that a test sets for every single look at it.
+class ScriptedClock final : public velmor::platform::Clock {
+public:
+    TimePoint now() const noexcept override {
+        if (mNext < mTimes.size()) {
+            return TimePoint(mTimes[mNext++]);
+        }
+        return TimePoint(mTimes.back());
+    }
+    SystemTimePoint systemNow() const noexcept override { return {}; }
+    void sleepFor(Duration /*aDuration*/) override { ADD_FAILURE() << "nothing sleeps here"; }
+    std::cv_status waitUntil(std::condition_variable& /*aCondition*/,
+                             std::unique_lock<std::mutex>& /*aLock*/,
+                             TimePoint /*aDeadline*/) override {
+        ADD_FAILURE() << "nothing waits here";
+        return std::cv_status::timeout;
+    }
+
+    void script(std::vector<seconds> aTimes) {
+        mTimes = std::move(aTimes);
+        mNext = 0;
+    }
+
+private:
+    std::vector<seconds> mTimes{seconds(0)};
+    mutable std::size_t mNext = 0;
+};
+
+TEST_F(LockShimTargetTemperatureRegulatorTest, ChangesNothingInAStepThatTakesNoTime) {
+    make();
+    auto const clock = std::make_shared<ScriptedClock>();
+    auto const former = velmor::platform::Clock::use(clock);
+    clock->script({seconds(100)});
+    mRegulator->start();
+    sample(1000); // the reference, at 100 s
+    // Due at 111 s by the first look at the clock, and back at 100 s by the second.
+    clock->script({seconds(111), seconds(100)});
+    sample(2000);
+    EXPECT_TRUE(mLog.has(Severity::Error, "dT is lower than or equal to zero: no change"));
+    EXPECT_THAT(values("output"), ElementsAre(2000.0)); // Intended: what came in goes out,
+    EXPECT_THAT(mTarget->set,
+                ElementsAre(DoubleNear(2298.15, 1e-9))); // and past the limits: 298.15 K and 2000.
+    EXPECT_THAT(values("integral"), IsEmpty());
+    EXPECT_THAT(values("derivative"), IsEmpty());
+    clock->script({seconds(122)});
+    sample(1000);
+    // mean 1500, error -500; the time since 111 s; -500 * 1e-7 * 11
+    EXPECT_THAT(values("integral"), ElementsAre(DoubleNear(-0.00055, kTiny)));
+    // (-500 - 0) * 2e-6 / 11: the error of the step that was none is not kept
+    EXPECT_THAT(values("derivative"), ElementsAre(DoubleNear(-0.001 / 11.0, kTiny)));
+    velmor::platform::Clock::use(former);
 }
 
 } // namespace

@@ -5,14 +5,17 @@
 #include "lock/LockListenerSync.h"
 #include "lock/LockParameters.h"
 #include "lock/LockShimTargetTemperatureRegulatorIfc.h"
+#include "lock/hardware/LockPIDDataStream.h"
 #include "lock/hardware/LockPIDStreamIfc.h"
 #include "lock/hardware/LockStreamPIDData.h"
+#include "lock/hardware/PidRecord.h"
 #include "support/Eventually.h"
 #include "support/FakeBackend.h"
 #include "support/FakeDataLogger.h"
 #include "support/FakeLockHardware.h"
 #include "support/FakePeriodicCallers.h"
 #include "support/FakeStreamDevice.h"
+#include "support/FullDisk.h"
 #include "support/HandClockScope.h"
 #include "support/LogCapture.h"
 #include "support/ProcessResources.h"
@@ -46,6 +49,7 @@ using libfieldwarden::test::FakeLockHardware;
 using libfieldwarden::test::FakePeriodicCallers;
 using libfieldwarden::test::FakeSeqlockDriver;
 using libfieldwarden::test::FakeStream;
+using libfieldwarden::test::FullDisk;
 using libfieldwarden::test::HandClockScope;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::ProcessResources;
@@ -593,6 +597,107 @@ TEST_F(LockStreamsTest, DoesWithoutANotifier) {
     EXPECT_THAT(mJournal.take(), ElementsAre("warningsChanged"));
 }
 
+TEST_F(LockStreamsTest, NeedsAStopBeforeItWatchesAgainBehindASilence) {
+    start();
+    feed(50, 0);
+    for (int second = 1; second < 60; ++second) {
+        mStream->timeOut();
+    }
+    mStream->timeOutForTheLastTime();
+    EXPECT_TRUE(eventually([this] { return mLog.has(Severity::Info, "pidStreamThread stopped"); }));
+    mJournal.take();
+    mStreams->start(); // Intended: for a start alone, they still run.
+    EXPECT_TRUE(
+        mLog.has(Severity::Warning, "already started, cannot restart it, consider everything is fine?!"));
+    EXPECT_THAT(mJournal.take(), IsEmpty());
+    EXPECT_TRUE(mStreams->pidDataTimedOut());
+    mStreams->stop();
+    start();
+    feed(50, 0);
+    EXPECT_TRUE(mStreams->locked());
+    EXPECT_FALSE(mStreams->pidDataTimedOut());
+    // The latch begins where it was left: it was locked, and is not with the first record.
+    EXPECT_THAT(mJournal.take(), ElementsAre("lost 1", "state 1", "doing locked"));
+}
+
+/// The supervision on the PID stream itself, second by second.
+class LockStreamsSilence : public LockStreamsTest {
+protected:
+    LockStreamsSilence() {
+        mDevice->onWait([](seconds /*aTimeout*/) { // so that a stop need not wait for the clock
+            std::this_thread::yield();
+            return 0;
+        });
+        mStreams.reset();
+        mStreams = std::make_unique<LockStreams>(mHardware, std::make_shared<LockPIDDataStream>(mHardware),
+                                                 mListener, mParameters, mRegulator, mDataLogger, mPeriodic);
+        mStreams->setInternalNotifier(std::make_shared<Notifier>(mJournal));
+        mStreams->start();
+    }
+
+    /// Delivers records of a lock that holds, all in one packet, and waits until they are worked off.
+    void deliver(std::size_t aRecords) {
+        mDevice->add(std::vector<unsigned char>(aRecords * libfieldwarden::lock::PidRecord::kSize));
+        mDelivered += aRecords;
+        EXPECT_TRUE(eventually(
+            [this] { return mLog.count(Severity::Trace, "pidStreamThread: got data") == mDelivered; }));
+    }
+    void deliverUntilLocked() {
+        deliver(50);
+        EXPECT_TRUE(eventually([this] { return mStreams->locked() && mStreams->lostMgr()->state() == 2; }));
+        mJournal.take();
+    }
+    /// Waits until each thread waits for its next second: the supervision's, and the two of the dumps.
+    void awaitAllThreads() { mClock->awaitWaiters(3); }
+    /// Nothing comes for some seconds; every thread has its turn in each.
+    void beSilent(int aSeconds) {
+        for (int second = 0; second < aSeconds; ++second) {
+            awaitAllThreads();
+            mClock->advance(seconds(1));
+        }
+        awaitAllThreads();
+    }
+
+    std::shared_ptr<FakeStream> mDevice = mDriver->stream("/dev/lock_dma_pid");
+    std::size_t mDelivered = 0;
+};
+
+TEST_F(LockStreamsSilence, IsSurvivedFor59SecondsWithoutAWord) {
+    deliverUntilLocked();
+    beSilent(59);
+    deliver(1);
+    EXPECT_TRUE(mStreams->locked());
+    EXPECT_FALSE(mStreams->pidDataTimedOut());
+    EXPECT_THAT(mJournal.take(), ElementsAre("regulator start")); // locked all the time
+    EXPECT_EQ(mLog.count(Severity::Warning, "pidStreamThread: data in timeout, retry counter = 1"), 1U);
+    beSilent(59); // The next silence is counted from its own beginning.
+    deliver(1);
+    EXPECT_TRUE(mStreams->locked());
+    EXPECT_THAT(mJournal.take(), IsEmpty());
+}
+
+TEST_F(LockStreamsSilence, IsAHardwareErrorWithThe60thSecondAndNotBefore) {
+    deliverUntilLocked();
+    beSilent(59);
+    mClock->advance(milliseconds(999));
+    EXPECT_THAT(mJournal.take(), IsEmpty());
+    EXPECT_FALSE(mStreams->pidDataTimedOut());
+    mClock->advance(milliseconds(1));
+    EXPECT_TRUE(eventually([this] { return mLog.has(Severity::Info, "pidStreamThread stopped"); }));
+    EXPECT_TRUE(mStreams->pidDataTimedOut());
+    EXPECT_THAT(mJournal.take(), ElementsAre("hardware error", "warningsChanged"));
+    mClock->advance(seconds(1)); // 61 s: it has been said
+    EXPECT_THAT(mJournal.take(), IsEmpty());
+    EXPECT_EQ(mLog.count(Severity::Error, "pidStreamThread: data in timeout, no more retries"), 1U);
+
+    mStreams->stop();
+    EXPECT_THAT(mJournal.take(), ElementsAre("regulator stop", "regulator stop", "state 0", "doing stopped"));
+    mStreams->start();
+    EXPECT_FALSE(mStreams->pidDataTimedOut());
+    deliver(50);
+    EXPECT_TRUE(eventually([this] { return mStreams->locked(); }));
+}
+
 // ----------------------------------------------------------------------------------------------------- dumps
 
 /// The same with devices.
@@ -680,6 +785,60 @@ TEST_F(LockStreamsDumps, AcquiresOneThingAtATime) {
     }
     other.join();
     EXPECT_FALSE(overlapped);
+}
+
+TEST_F(LockStreamsDumps, GoOnBehindADeviceThatFailsInTheMiddleOfThePacket) {
+    mHardware->registers.singleFdTransfer->onWrite([this](bool /*aOn*/) {
+        mFd->add(points(2048), false); // half of it
+        mFd->onWait([this](seconds /*aTimeout*/) {
+            mFd->fail(FakeStream::Fault::Read, EIO);
+            return 1;
+        });
+    });
+    start();
+    std::string const file = dumped("lock_fft_torn.h5").string();
+    mStreams->dumpFFTandFID("torn");
+    EXPECT_TRUE(mLog.has(Severity::Error, "-acquireAndDump(" + file +
+                                              ") failed with Error while reading data from input. Error 5"));
+    EXPECT_FALSE(std::filesystem::exists(file));
+    EXPECT_TRUE(std::filesystem::exists(dumped("lock_fid_torn.h5")));
+    EXPECT_THROW(mStreams->fftSlopeAt0Crossing(), std::runtime_error);
+    feed(50, 0);
+    EXPECT_TRUE(mStreams->locked());
+
+    mFd->fail(FakeStream::Fault::Read, 0); // it works again
+    mFd->onWait([](seconds /*aTimeout*/) { return 0; });
+    mHardware->registers.singleFdTransfer->onWrite([this](bool /*aOn*/) { mFd->add(points(4096)); });
+    mStreams->dumpFFTandFID("whole");
+    EXPECT_TRUE(std::filesystem::exists(dumped("lock_fft_whole.h5")));
+    EXPECT_NEAR(mStreams->fftSlopeAt0Crossing(), 7.0, 1e-9); // no rest of the torn packet in it
+}
+
+TEST_F(LockStreamsDumps, OnlyFailThemselvesOnAFullDisk) {
+    {
+        FullDisk const full(100);
+        start(); // asks for both dumps
+        EXPECT_TRUE(eventually([this] {
+            auto const failed = [this](char const* aFile) {
+                return mLog.has(Severity::Error, "-acquireAndDump(" + dumped(aFile).string() +
+                                                     ") failed with filesystem error: cannot write the dump: "
+                                                     "File too large [" +
+                                                     dumped(aFile).string() + "]");
+            };
+            return failed("lock_fft_onstart.h5") && failed("lock_fid_onstart.h5");
+        }));
+        feed(50, 0);
+        EXPECT_TRUE(mStreams->locked());
+        EXPECT_THAT(mJournal.take(), ElementsAre("state 1", "doing locked", "lost 2"));
+        EXPECT_NEAR(mStreams->fftSlopeAt0Crossing(), 7.0, 1e-9); // needs no disk
+    }
+    EXPECT_TRUE(eventually([this] { return mLog.has(Severity::Info, "+dumpFFT(name = 'lastlocked'):"); }));
+    mStreams->dumpFFTandFID("later");
+    EXPECT_TRUE(std::filesystem::exists(dumped("lock_fft_later.h5")));
+    EXPECT_TRUE(std::filesystem::exists(dumped("lock_fid_later.h5")));
+    for (auto const& entry : std::filesystem::directory_iterator(dumped(""))) {
+        EXPECT_EQ(entry.path().extension(), ".h5"); // nothing half-written stays behind
+    }
 }
 
 TEST_F(LockStreamsDumps, EndsADumpThatGetsNoAnswerWhenItIsDestroyed) {

@@ -7,6 +7,7 @@
 #include "support/Eventually.h"
 #include "support/FakeLockHardware.h"
 #include "support/FakeStreamDevice.h"
+#include "support/FullDisk.h"
 #include "support/HandClockScope.h"
 #include "support/LogCapture.h"
 #include "support/ProcessResources.h"
@@ -26,9 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include <sys/resource.h>
 #include <unistd.h>
-#include <csignal>
 
 #include <H5Cpp.h>
 #include <malloc.h>
@@ -37,6 +36,7 @@ using libfieldwarden::test::CapturedLine;
 using libfieldwarden::test::FakeLockHardware;
 using libfieldwarden::test::FakeSeqlockDriver;
 using libfieldwarden::test::FakeStream;
+using libfieldwarden::test::FullDisk;
 using libfieldwarden::test::HandClockScope;
 using libfieldwarden::test::LogCapture;
 using libfieldwarden::test::ProcessResources;
@@ -321,27 +321,6 @@ TEST_F(LockDumpTest, OnlyLogsAFolderThatIsNotThere) {
                                       "file or directory [" +
                                       nowhere + "]"));
 }
-
-/// No file of this process grows beyond a size, which is what a full disk looks like from here.
-class FullDisk {
-public:
-    explicit FullDisk(rlim_t aBytes) {
-        getrlimit(RLIMIT_FSIZE, &mFormer);
-        mHandler = std::signal(SIGXFSZ, SIG_IGN);
-        rlimit const limit{aBytes, mFormer.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDisk() {
-        setrlimit(RLIMIT_FSIZE, &mFormer);
-        std::signal(SIGXFSZ, mHandler);
-    }
-    FullDisk(FullDisk const&) = delete;
-    FullDisk& operator=(FullDisk const&) = delete;
-
-private:
-    rlimit mFormer{};
-    void (*mHandler)(int);
-};
 
 ssize_t openHandles() {
     auto const lock = Hdf5Library::instance().lock();
