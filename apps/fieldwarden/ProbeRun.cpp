@@ -58,7 +58,8 @@ void ProbeRun::look(std::optional<double> aKelvin) {
     mKelvin = aKelvin.value_or(mKelvin);
     if (mStage == Stage::WaitsForLock &&
         (mLock == nullptr || mLock->shimCoilTargetTemperatureRegulationArmed())) {
-        enter(Stage::GasStarts, "flow");
+        enter(Stage::GasStarts, "gas");
+        mWasOn = true;
         mTemperature.setProbeTemperatureStatus(ProbeTemperatureGlobalStatus::On);
     }
     if (mStage == Stage::RampUp || mStage == Stage::RampDown) {
@@ -110,7 +111,7 @@ void ProbeRun::settle() {
         enter(Stage::Settles, "settling");
     }
     if (mStage == Stage::Settles && mStable) {
-        enter(Stage::Stable, "stable");
+        enter(Stage::Stable, "held");
         mWasStable = true;
     }
 }

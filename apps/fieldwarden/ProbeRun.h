@@ -53,6 +53,8 @@ public:
     bool over() const noexcept { return mStage == Stage::Off || mStage == Stage::Failed; }
     /// @return Whether the way down takes longer than it ever should.
     bool overdue() const;
+    /// @return Whether the regulation was switched on in this run.
+    bool wasOn() const noexcept { return mWasOn; }
     /// @return Whether the target was held and stable once.
     bool wasStable() const noexcept { return mWasStable; }
 
@@ -81,6 +83,7 @@ private:
     Stage mStage = Stage::WaitsForLock;
     bool mHolding = false;
     bool mStable = false;
+    bool mWasOn = false;
     bool mWasStable = false;
     velmor::platform::Clock::TimePoint mOffAtLatest;
 };

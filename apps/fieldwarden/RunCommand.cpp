@@ -207,7 +207,7 @@ private:
         if (mProbe && mLockLine.empty()) {
             line = mProbe->words(now ? now->flowLiterPerHour : 0.0);
         }
-        line += (line.empty() ? "" : " | ") + mWatch->words();
+        line += (line.empty() ? "" : " | ") + mWatch->words(!mProbe);
         mBar.showLine(line);
         mDrawn = true;
     }
@@ -304,8 +304,11 @@ private:
         if (!mProbe) {
             return kDone;
         }
-        if (mProbe->stage() == ProbeRun::Stage::Failed || (mOptions.untilStable && mLockFailed)) {
+        if (mProbe->stage() == ProbeRun::Stage::Failed) {
             return kLost;
+        }
+        if (mOptions.untilStable && mLockFailed) {
+            return mProbe->wasOn() ? kLost : kLibraryError;
         }
         if (mProbe->overdue()) {
             return kTimedOut;

@@ -30,7 +30,7 @@ bool movedEnough(Temperatures const& aTold, Temperatures const& aNow) {
 } // namespace
 
 std::string Temperatures::words() const {
-    return fmt::format("magnet {:.3f} K, shim coil {:.3f} C, iso box {:.2f} K", magnetKelvin, coilCelsius,
+    return fmt::format("{:.3f} K, shim coil {:.3f} C, iso box {:.2f} K", magnetKelvin, coilCelsius,
                        isoBoxKelvin) +
            (probeKelvin ? fmt::format(", probe {:.1f} K", *probeKelvin) : "");
 }
@@ -114,8 +114,15 @@ void TemperatureWatch::tellReadiness() {
                  Tone::Plain});
 }
 
-std::string TemperatureWatch::words() const {
-    return mNow ? mNow->words() + ", magnet " + mReadiness.words() : "no temperatures";
+std::string TemperatureWatch::words(bool aWithProbe) const {
+    if (!mNow) {
+        return "no temperatures";
+    }
+    Temperatures shown = *mNow;
+    if (!aWithProbe) {
+        shown.probeKelvin.reset();
+    }
+    return "magnet " + mReadiness.words() + ", " + shown.words();
 }
 
 } // namespace libfieldwarden::app

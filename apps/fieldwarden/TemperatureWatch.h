@@ -20,7 +20,7 @@ struct Temperatures {
     std::optional<double> probeKelvin; ///< None without the option.
     double flowLiterPerHour = 0.0;     ///< Of the probe's gas.
 
-    /// @return Such as "magnet 303.150 K, shim coil 25.000 C, iso box 301.15 K, probe 298.2 K".
+    /// @return Such as "298.150 K, shim coil 25.000 C, iso box 294.15 K, probe 297.8 K", the magnet's first.
     std::string words() const;
 };
 
@@ -41,8 +41,9 @@ public:
     /// @return What was read last; none before, and while the board does not answer.
     std::optional<Temperatures> const& temperatures() const noexcept { return mNow; }
 
-    /// @return The temperatures and the magnet's readiness in words.
-    std::string words() const;
+    /// @param aWithProbe  Whether the probe's temperature is wanted, too.
+    /// @return The magnet's readiness and the temperatures, for a terminal's line.
+    std::string words(bool aWithProbe) const;
 
 private:
     void read();

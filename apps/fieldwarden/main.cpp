@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line: which subcommand, with which options, and what its end means to the shell.
+#include "apps/fieldwarden/AtCommand.h"
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/HelpText.h"
 #include "apps/fieldwarden/LockCommand.h"
@@ -41,6 +42,7 @@ public:
         addRun();
         addLockCommands();
         addShim();
+        addAt();
         addLog();
         addPlot();
     }
@@ -295,6 +297,46 @@ private:
             ->required()
             ->check(quiet(CLI::Range(8, 11)))
             ->type_name("8|9|10|11");
+    }
+
+    /// Adds an `at` subcommand with the options that both of them have.
+    CLI::App& addAtCommand(CLI::App& aAt,
+                           char const* aName,
+                           char const* aMeaning,
+                           std::string const& aArguments,
+                           std::function<int(AtOptions const&)> aWork) {
+        CLI::App& command = add(aAt, aName, aMeaning,
+                                std::string("at ") + aName + aArguments +
+                                    " [--simulate] [--time-scale N] [--data DIR] [--system N] [--json|-q]");
+        auto const options = std::make_shared<AtOptions>();
+        addSessionOptions(command, options->session);
+        addFormOptions(command, options->form);
+        does(command, [&command, options, work = std::move(aWork)] {
+            checkSessionOptions(command, options->session);
+            return work(*options);
+        });
+        return command;
+    }
+
+    void addAt() {
+        CLI::App& at =
+            add(mProgram, "at", "The probe gas of the adjustable temperature", "at exchange|flows …");
+        at.require_subcommand(1);
+        at.footer("'run --at KELVIN' brings the probe to a temperature and down again.");
+        addAtCommand(at, "flows", "The gas flows that can be set", "", atFlows);
+        auto const exchange = std::make_shared<AtExchangeOptions>();
+        CLI::App& command =
+            addAtCommand(at, "exchange", "Take the gas down for the exchange of a sample, and bring it back",
+                         " [--wait SECONDS] [--no-sample]",
+                         [exchange](AtOptions const& aOptions) { return atExchange(aOptions, *exchange); });
+        command
+            .add_option("--wait", exchange->waitSeconds,
+                        "Real time for the exchange (default: until Enter is pressed)")
+            ->check(quiet(CLI::NonNegativeNumber))
+            ->type_name("SECONDS");
+        command.add_flag("--no-sample", exchange->noSample,
+                         "No sample is in the magnet afterwards: the gas stays off");
+        command.footer("Not to be had with a prototype of the flow box.");
     }
 
     /// Adds a `log` subcommand with the options that both of them have.

@@ -10,12 +10,12 @@ _fieldwarden_command() {
             continue
         fi
         case $word in
-            --lock | --time-scale | --data | --system | --for | --since | --out | --plot | --frequency) is_value=yes ;;
+            --lock | --time-scale | --data | --system | --for | --since | --out | --plot | --frequency | --at | --wait) is_value=yes ;;
             -*) ;;
             *)
                 case $command in
                     '') command=$word ;;
-                    shim | log | lock) command+=" $word" ;;
+                    shim | log | lock | at) command+=" $word" ;;
                 esac
                 ;;
         esac
@@ -31,11 +31,11 @@ _fieldwarden() {
         --system) words='8 9 10 11' ;;
         --data) paths=-d ;;
         --out | --plot) paths=-f ;;
-        --time-scale | --for | --since | --frequency) ;;
+        --time-scale | --for | --since | --frequency | --at | --wait) ;;
         *)
             case $(_fieldwarden_command "${COMP_WORDS[@]:1:COMP_CWORD-1}") in
-                '') words='run registers dump lock shim log plot --help --version' ;;
-                run) words="$session --system --frequency --for --json" ;;
+                '') words='run registers dump lock shim at log plot --help --version' ;;
+                run) words="$session --system --frequency --at --until-stable --cold --for --json" ;;
                 registers) words="$session --system $form" ;;
                 dump) words="fid fft --frequency $session --system $form" paths=-f ;;
                 lock) words='scan --help' ;;
@@ -44,6 +44,9 @@ _fieldwarden() {
                 'shim system') words="8 9 10 11 $session $form" ;;
                 'shim load' | 'shim save') words="$session --system $form" paths=-f ;;
                 'shim '*) words="$session --system $form" ;;
+                at) words='exchange flows --help' ;;
+                'at exchange') words="--wait --no-sample $session --system $form" ;;
+                'at flows') words="$session --system $form" ;;
                 log) words='list show --help' ;;
                 'log list') words="--all --simulate --data --help $form" ;;
                 'log show') words="--since --csv --simulate --data --help $form" ;;

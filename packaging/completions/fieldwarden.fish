@@ -11,11 +11,11 @@ function __fieldwarden_is
             continue
         end
         switch $word
-            case --lock --time-scale --data --system --for --since --out --plot --frequency
+            case --lock --time-scale --data --system --for --since --out --plot --frequency --at --wait
                 set is_value yes
             case '-*'
             case '*'
-                if test (count $command) -eq 0; or contains -- "$command" shim log lock
+                if test (count $command) -eq 0; or contains -- "$command" shim log lock at
                     set -a command $word
                 end
         end
@@ -31,6 +31,7 @@ complete -c fieldwarden -n __fieldwarden_is -a registers -d 'All registers of th
 complete -c fieldwarden -n __fieldwarden_is -a dump -d 'Keep the FID or FFT of the lock in a file'
 complete -c fieldwarden -n __fieldwarden_is -a lock -d 'A closer look at the lock'
 complete -c fieldwarden -n __fieldwarden_is -a shim -d 'Gradients and currents of the shim coils'
+complete -c fieldwarden -n __fieldwarden_is -a at -d 'The probe gas of the adjustable temperature'
 complete -c fieldwarden -n __fieldwarden_is -a log -d 'What the data logger has kept'
 complete -c fieldwarden -n __fieldwarden_is -a plot -d 'Draw a dump of the lock signal'
 
@@ -71,7 +72,7 @@ complete -c fieldwarden -n '__fieldwarden_is plot' -l json -d 'As JSON, for prog
 complete -c fieldwarden -n '__fieldwarden_is plot' -l quiet -s q -d 'The bare values'
 
 for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system'
+    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l lock -x -a 'mock real' -d 'Which lock'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l time-scale -x -d 'Simulated seconds in a real second'
     if test $command != 'shim system'
@@ -79,7 +80,7 @@ for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 
     end
 end
 for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system' 'log list' 'log show'
+    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows' 'log list' 'log show'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l simulate -d 'On the simulated instrument'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l data -x -a '(__fish_complete_directories)' \
         -d 'Folder of the instrument'
@@ -89,3 +90,11 @@ for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 
     end
 end
 complete -c fieldwarden -n '__fieldwarden_is run' -l for -x -d 'Close after so many seconds'
+complete -c fieldwarden -n '__fieldwarden_is run' -l at -x -d 'Bring the probe to this temperature'
+complete -c fieldwarden -n '__fieldwarden_is run' -l until-stable -d 'Close once the probe is stable'
+complete -c fieldwarden -n '__fieldwarden_is run' -l cold -d 'Begin with all parts at room temperature'
+
+complete -c fieldwarden -n '__fieldwarden_is at' -a exchange -d 'Take the gas down and bring it back'
+complete -c fieldwarden -n '__fieldwarden_is at' -a flows -d 'The gas flows that can be set'
+complete -c fieldwarden -n '__fieldwarden_is at exchange' -l wait -x -d 'Real time for the exchange'
+complete -c fieldwarden -n '__fieldwarden_is at exchange' -l no-sample -d 'No sample is in the magnet afterwards'

@@ -17,7 +17,8 @@ from commandline import run
 
 PACKAGING = None
 SHIM = ('list', 'get', 'set', 'current', 'load', 'save', 'relations', 'system')
-COMMANDS = [['run'], ['registers'], ['dump'], ['lock', 'scan'], *(['shim', name] for name in SHIM), ['log', 'list'], ['log', 'show'], ['plot']]
+COMMANDS = [['run'], ['registers'], ['dump'], ['lock', 'scan'], *(['shim', name] for name in SHIM), ['at', 'exchange'],
+            ['at', 'flows'], ['log', 'list'], ['log', 'show'], ['plot']]
 
 
 def options_of(*command):
@@ -31,7 +32,7 @@ class ManPages(unittest.TestCase):
     def pages(self):
         pages = sorted((PACKAGING / 'man').glob('*.1'), key=lambda page: page.stem)
         self.assertEqual([page.stem for page in pages],
-                         ['fieldwarden', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log', 'fieldwarden-plot',
+                         ['fieldwarden', 'fieldwarden-at', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log', 'fieldwarden-plot',
                           'fieldwarden-registers', 'fieldwarden-run', 'fieldwarden-shim'])
         return pages
 
@@ -61,7 +62,7 @@ class Completions:
     """What holds for every shell."""
 
     def test_subcommands(self):
-        self.assertEqual(self.offered('fieldwarden', ''), {'run', 'registers', 'dump', 'lock', 'shim', 'log', 'plot'})
+        self.assertEqual(self.offered('fieldwarden', ''), {'run', 'registers', 'dump', 'lock', 'shim', 'at', 'log', 'plot'})
         self.assertEqual(self.offered('fieldwarden', 'shim', ''), set(SHIM))
         self.assertEqual(self.offered('fieldwarden', 'shim', 's'), {'set', 'save', 'system'})
         self.assertEqual(self.offered('fieldwarden', 'log', ''), {'list', 'show'})
