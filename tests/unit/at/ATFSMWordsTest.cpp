@@ -4,12 +4,21 @@
 
 #include "support/LogCapture.h"
 
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-using namespace libfieldwarden::test;
+using libfieldwarden::test::ATMachine;
+using libfieldwarden::test::line;
+using libfieldwarden::test::LogCapture;
+using libfieldwarden::test::reachBegin;
+using libfieldwarden::test::reachEnter;
+using libfieldwarden::test::reachExchange;
+using libfieldwarden::test::reachExit;
+using libfieldwarden::test::reachFlush;
+using libfieldwarden::test::reachRamp;
+using libfieldwarden::test::reachRampToOff;
+using libfieldwarden::test::reachTooLow;
+using libfieldwarden::test::Severity;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
