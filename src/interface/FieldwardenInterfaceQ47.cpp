@@ -90,6 +90,7 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
     keplaDoLog(Severity::Info, "initializing lock...", {});
     initializeLock(mainboard, channelCreator);
     mTemperature->setLock(mLockForTemperature); // None with the mock lock.
+    mHolderOfLock.reset(mTemperature.get());
 
     keplaDoLog(Severity::Info, "initializing sample rotation...", {});
     mSampleRotation = std::make_unique<SampleRotationQ47>();
@@ -105,8 +106,10 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
 
 FieldwardenInterfaceQ47::~FieldwardenInterfaceQ47() {
     keplaDoLog(Severity::Debug, "FieldwardenInterfaceQ47 destructor", {});
-    // The lock holds the temperature service: without this the two would keep each other for good.
-    mTemperature->setLock(nullptr);
+}
+
+void FieldwardenInterfaceQ47::LockTaker::operator()(TemperatureHardwareQ47* aTemperature) const {
+    aTemperature->setLock(nullptr);
 }
 
 void FieldwardenInterfaceQ47::initializeTemperature(

@@ -82,6 +82,11 @@ private:
         std::shared_ptr<velmor::q47::mainboarddaemon::MainboardInterface> const& aMainboard,
         std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> const& aChannelCreator);
 
+    /// Takes the lock away from the temperature service.
+    struct LockTaker {
+        void operator()(TemperatureHardwareQ47* aTemperature) const;
+    };
+
     std::string mCanIfc;
     std::string mConfigRoot;
     std::string mTsConfigRoot;
@@ -97,4 +102,8 @@ private:
     std::shared_ptr<velmor::kepla::utils::PeriodicCallerManager> mPeriodicCallerManager;
     std::unique_ptr<DeviceLogContributor> mDeviceLogContributor;
     std::unique_ptr<velmor::kepla::deviceid::DeviceIdServiceFactory> mDeviceIdServiceFactory;
+    /// The service that holds the lock; owns nothing. The lock holds the service, too: without this the two
+    /// would keep each other for good. Last, so that the ring is open before anything goes, also where the
+    /// instrument fails on its way up.
+    std::unique_ptr<TemperatureHardwareQ47, LockTaker> mHolderOfLock;
 };

@@ -4,6 +4,7 @@
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
 #include "support/LogCapture.h"
+#include "support/ProcessResources.h"
 #include "support/TemporaryDirectory.h"
 
 #include <fieldwarden/FieldwardenInterface.h>
@@ -30,6 +31,7 @@ namespace {
 using libfieldwarden::sim::Instrument;
 using libfieldwarden::test::CapturedLine;
 using libfieldwarden::test::LogCapture;
+using libfieldwarden::test::ProcessResources;
 using libfieldwarden::test::readFile;
 using libfieldwarden::test::Severity;
 using libfieldwarden::test::TemporaryDirectory;
@@ -533,6 +535,20 @@ TEST_F(FieldwardenInterfaceTest, LeavesNoThreadOfTheMockLockBehind) {
     open();
     FieldwardenInterface::closeInterface();
     EXPECT_EQ(mLog->lines().back().text, "closeInterface: actually closed");
+}
+
+// Lock and temperature service hold each other from their joining on.
+TEST_F(FieldwardenInterfaceTest, LeavesNothingOfTheRealLockBehindWhereTheEndOfTheOpeningFails) {
+    std::filesystem::remove_all(kLockMock);
+    mBackend->onDeviceLog = [] { throw std::runtime_error("no device log"); };
+    EXPECT_ANY_THROW(open()); // What the process keeps for good is there from now on.
+    auto const before = ProcessResources::now();
+    for (int time = 0; time < 5; ++time) {
+        EXPECT_THAT([&] { open(); }, ThrowsMessage<std::runtime_error>("no device log"));
+    }
+    auto const after = ProcessResources::settledTo(before);
+    EXPECT_LE(after.threads, before.threads);
+    EXPECT_LE(after.descriptors, before.descriptors);
 }
 
 // The getters
