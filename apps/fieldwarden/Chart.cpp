@@ -6,6 +6,7 @@
 #include <cctype>
 #include <future>
 #include <iterator>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -39,17 +40,34 @@ std::string terminal(PictureFormat aFormat, std::size_t aPanels) {
                        kTitleHeight + static_cast<int>(aPanels) * kPanelHeight);
 }
 
+std::vector<double> const& placesOf(Chart const& aChart, Curve const& aCurve) {
+    return aCurve.places.empty() ? aChart.places : aCurve.places;
+}
+
+/// The first and the last place of all curves.
+std::pair<double, double> placeRange(Chart const& aChart) {
+    double first = std::numeric_limits<double>::max();
+    double last = std::numeric_limits<double>::lowest();
+    for (Panel const& panel : aChart.panels) {
+        for (Curve const& curve : panel.curves) {
+            first = std::min(first, placesOf(aChart, curve).front());
+            last = std::max(last, placesOf(aChart, curve).back());
+        }
+    }
+    return {first, last > first ? last : first + 1.0};
+}
+
 /// A range that holds all values and a little air, also where all of them are the same.
-std::pair<double, double> rangeOf(std::vector<Curve> const& aCurves) {
-    double least = 0.0;
-    double greatest = 0.0;
-    for (Curve const& curve : aCurves) {
+std::pair<double, double> rangeOf(Panel const& aPanel) {
+    double least = aPanel.fromZero ? 0.0 : std::numeric_limits<double>::max();
+    double greatest = aPanel.fromZero ? 0.0 : std::numeric_limits<double>::lowest();
+    for (Curve const& curve : aPanel.curves) {
         auto const [low, high] = std::minmax_element(curve.values.begin(), curve.values.end());
         least = std::min(least, *low);
         greatest = std::max(greatest, *high);
     }
     double const air = greatest > least ? (greatest - least) * 0.08 : 1.0;
-    return {least < 0.0 ? least - air : least, greatest + air};
+    return {least < 0.0 || !aPanel.fromZero ? least - air : least, greatest + air};
 }
 
 std::string dataBlock(std::vector<double> const& aPlaces, Curve const& aCurve, std::string const& aName) {
@@ -73,17 +91,23 @@ std::string panelScript(Chart const& aChart, Panel const& aPanel, std::size_t aN
     std::string plots;
     for (Curve const& curve : aPanel.curves) {
         std::string const block = fmt::format("data{}_{}", aNumber, &curve - aPanel.curves.data());
-        blocks += dataBlock(aChart.places, curve, block);
+        blocks += dataBlock(placesOf(aChart, curve), curve, block);
         plots += fmt::format("{} ${} using 1:2 with lines linewidth 1.2 linecolor rgb '{}' title {}",
                              plots.empty() ? "plot" : ",", block, curve.colour, quoted(curve.title));
     }
-    auto const [least, greatest] = rangeOf(aPanel.curves);
-    std::string const mark =
-        aPanel.mark ? markOf(*aPanel.mark, (aChart.places.front() + aChart.places.back()) / 2) : "";
+    auto const [least, greatest] = rangeOf(aPanel);
+    auto const [first, last] = placeRange(aChart);
+    std::string const mark = aPanel.mark ? markOf(*aPanel.mark, (first + last) / 2) : "";
     return blocks +
-           fmt::format("set ylabel {}\nset yrange [{}:{}]\nunset label\n", quoted(aPanel.axis), least,
-                       greatest) +
+           fmt::format("set format y '{}'\nset ylabel {}\nset yrange [{}:{}]\nunset label\n",
+                       aPanel.fromZero ? "%.1s %c" : "%.8g", quoted(aPanel.axis), least, greatest) +
            mark + plots + "\n";
+}
+
+/// Times of day, with their dates where there is more than a day.
+std::string timeTics(double aSeconds) {
+    constexpr double kDay = 86'400.0;
+    return std::string("set xtics time format '") + (aSeconds > kDay ? "%m-%d\\n%H:%M" : "%H:%M:%S") + "'\n";
 }
 
 std::string firstLines(std::string const& aText) {
@@ -130,16 +154,15 @@ std::vector<std::size_t> pointsToDraw(std::span<double const> aValues, std::size
 }
 
 std::string gnuplotScript(Chart const& aChart, PictureFormat aFormat) {
-    double const first = aChart.places.front();
-    double const last = aChart.places.back() > first ? aChart.places.back() : first + 1.0;
+    auto const [first, last] = placeRange(aChart);
     std::string script =
         "set encoding utf8\n" + terminal(aFormat, aChart.panels.size()) +
         fmt::format("set multiplot layout {},1 title {}\n", aChart.panels.size(), quoted(aChart.title)) +
         "set grid linetype 1 linewidth 0.5 linecolor rgb '#d8d8d8'\n"
         "set key top right horizontal\n"
         "set lmargin 14\n"
-        "set rmargin 4\n"
-        "set format y '%.1s %c'\n" +
+        "set rmargin 4\n" +
+        (aChart.kind == ChartAxis::Time ? "set key above\n" + timeTics(last - first) : "") +
         fmt::format("set xlabel {}\nset xrange [{}:{}]\n", quoted(aChart.axis), first, last);
     for (std::size_t number = 0; number < aChart.panels.size(); ++number) {
         script += panelScript(aChart, aChart.panels[number], number);

@@ -11,11 +11,13 @@
 
 namespace libfieldwarden::app {
 
-/// A line through points, of which there are as many as the chart has places.
+/// A line through points.
 struct Curve {
     std::string title;
     std::vector<double> values;
     std::string colour; ///< As "#1f4e9c", or with its transparency first, as "#801f4e9c".
+    /// Where the points are, ascending and as many as values; empty for the places of the chart.
+    std::vector<double> places = {};
 };
 
 /// A point that is marked, with words beside it.
@@ -29,14 +31,21 @@ struct Panel {
     std::string axis; ///< Title of the vertical axis, with its unit.
     std::vector<Curve> curves;
     std::optional<ChartMark> mark = {};
+    /// Whether the vertical axis begins at 0 and counts in k and M, or shows no more than what the values
+    /// span.
+    bool fromZero = true;
 };
+
+/// What the places of a chart are.
+enum class ChartAxis { Number, Time };
 
 /// All panels share the horizontal axis.
 struct Chart {
     std::string title;
     std::string axis;           ///< Title of the horizontal axis, with its unit.
-    std::vector<double> places; ///< Ascending; not empty.
+    std::vector<double> places; ///< Ascending; empty only where each curve has its own, not empty ones.
     std::vector<Panel> panels;
+    ChartAxis kind = ChartAxis::Number; ///< Times are in s since 1970 and shown in UTC.
 };
 
 enum class PictureFormat { Png, Svg };

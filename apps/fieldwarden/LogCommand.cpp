@@ -2,7 +2,9 @@
 // Channels and samples as tables, CSV and JSON.
 #include "apps/fieldwarden/LogCommand.h"
 
+#include "apps/fieldwarden/Chart.h"
 #include "apps/fieldwarden/ExitCode.h"
+#include "apps/fieldwarden/WholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 #include "simulator/instrument/Instrument.h"
 
@@ -10,12 +12,15 @@
 #include <velmor/kepla/utils/EnumUtils.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <limits>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -219,6 +224,84 @@ private:
     DataLoggerChannelSummary const& mChannel;
 };
 
+DataLoggerQuery queryOf(std::optional<std::string> const& aSince) {
+    DataLoggerQuery query;
+    if (aSince) {
+        query.since = parseSince(*aSince, std::chrono::system_clock::now());
+    }
+    return query;
+}
+
+/// What the reader says of a channel that is not there, with what to do.
+WrongUsage unknownChannel(std::invalid_argument const& aError) {
+    return WrongUsage(std::string(aError.what()) + "; 'fieldwarden log list' names the channels");
+}
+
+double secondsOf(SystemTime aTime) {
+    return std::chrono::duration<double>(aTime.time_since_epoch()).count();
+}
+
+SystemTime timeOf(double aSeconds) {
+    return SystemTime(
+        std::chrono::duration_cast<SystemTime::duration>(std::chrono::duration<double>(aSeconds)));
+}
+
+/// The samples of a channel that can be drawn.
+Curve curveOf(DataLoggerReader const& aReader, std::string const& aChannel, DataLoggerQuery const& aQuery) {
+    Curve curve{aChannel, {}, {}};
+    aReader.samples(aChannel, aQuery, [&](DataLoggerSample const& aSample) {
+        if (aSample.status != DataLoggerStatusCode::SamplesLost && std::isfinite(aSample.value)) {
+            curve.places.push_back(secondsOf(aSample.time));
+            curve.values.push_back(aSample.value);
+        }
+        return true;
+    });
+    return curve;
+}
+
+/// A panel for each unit, in the order in which they were asked for.
+class ChannelChart {
+public:
+    void add(Curve aCurve, std::string const& aUnit) {
+        constexpr std::array kColours{"#1f4e9c", "#d1661a", "#2e8b57", "#8e3b8e",
+                                      "#b22222", "#008b8b", "#7a5c00", "#555555"};
+        aCurve.colour = kColours[mCurves++ % kColours.size()];
+        mFirst = std::min(mFirst, aCurve.places.front());
+        mLast = std::max(mLast, aCurve.places.back());
+        mSamples += aCurve.values.size();
+        std::string const axis = "Value [" + aUnit + "]";
+        auto panel = std::find_if(mPanels.begin(), mPanels.end(),
+                                  [&](Panel const& aPanel) { return aPanel.axis == axis; });
+        if (panel == mPanels.end()) {
+            panel = mPanels.insert(panel, Panel{.axis = axis, .curves = {}, .fromZero = false});
+        }
+        panel->curves.push_back(std::move(aCurve));
+    }
+
+    bool empty() const { return mCurves == 0; }
+    std::size_t curves() const { return mCurves; }
+    std::size_t samples() const { return mSamples; }
+    std::string first() const { return timeText(timeOf(mFirst)); }
+    std::string last() const { return timeText(timeOf(mLast)); }
+
+    Chart chart() && {
+        std::string const title =
+            mCurves == 1 ? mPanels.front().curves.front().title : fmt::format("{} channels", mCurves);
+        return {title,
+                fmt::format("Time [UTC], from {} to {}", first(), last()),
+                {},
+                std::move(mPanels),
+                ChartAxis::Time};
+    }
+
+private:
+    std::vector<Panel> mPanels;
+    std::size_t mCurves = 0;
+    std::size_t mSamples = 0;
+    double mFirst = std::numeric_limits<double>::max();
+    double mLast = std::numeric_limits<double>::lowest();
+};
+
 } // namespace
 
 SystemTime parseSince(std::string const& aText, SystemTime aNow) {
@@ -250,10 +333,7 @@ int logList(LogOptions const& aOptions, bool aAll) {
 }
 
 int logShow(LogOptions const& aOptions, LogShowOptions const& aShow) {
-    DataLoggerQuery query;
-    if (aShow.since) {
-        query.since = parseSince(*aShow.since, std::chrono::system_clock::now());
-    }
+    DataLoggerQuery const query = queryOf(aShow.since);
     DataLoggerReader const reader(fileOf(aOptions));
     try {
         auto const channel = reader.channel(aShow.channel);
@@ -262,7 +342,49 @@ int logShow(LogOptions const& aOptions, LogShowOptions const& aShow) {
         reader.samples(aShow.channel, query,
                        [&](DataLoggerSample const& aSample) { return writer.write(aSample); });
     } catch (std::invalid_argument const& error) {
-        throw WrongUsage(std::string(error.what()) + "; 'fieldwarden log list' names the channels");
+        throw unknownChannel(error);
+    }
+    return kDone;
+}
+
+int logPlot(LogOptions const& aOptions, LogPlotOptions const& aPlot) {
+    auto const format = pictureFormatOf(aPlot.picture);
+    if (!format) {
+        throw WrongUsage("the picture '" + aPlot.picture.string() + "' must end in .png or .svg");
+    }
+    DataLoggerQuery const query = queryOf(aPlot.since);
+    DataLoggerReader const reader(fileOf(aOptions));
+    ChannelChart drawn;
+    for (std::string const& name : aPlot.channels) {
+        try {
+            auto const channel = reader.channel(name);
+            Curve curve = curveOf(reader, name, query);
+            if (curve.values.empty()) {
+                complain("the channel '" + name + "' has no samples" + (aPlot.since ? " since then" : ""));
+                continue;
+            }
+            drawn.add(std::move(curve), unitText(channel.unit));
+        } catch (std::invalid_argument const& error) {
+            throw unknownChannel(error);
+        }
+    }
+    if (drawn.empty()) {
+        throw WrongUsage("there is nothing to draw");
+    }
+    nlohmann::ordered_json const summary{{"file", aPlot.picture.string()},
+                                         {"channels", drawn.curves()},
+                                         {"samples", drawn.samples()},
+                                         {"first", drawn.first()},
+                                         {"last", drawn.last()}};
+    std::string const words =
+        fmt::format("{}: {} samples of {} channels, from {} to {}\n", aPlot.picture.string(), drawn.samples(),
+                    drawn.curves(), drawn.first(), drawn.last());
+    std::string const script = gnuplotScript(std::move(drawn).chart(), *format);
+    writeWholeFile(aPlot.picture, drawnByGnuplot(script), "picture");
+    if (aOptions.form == Form::Json) {
+        printJson(summary);
+    } else {
+        print(aOptions.form == Form::Quiet ? aPlot.picture.string() + "\n" : words);
     }
     return kDone;
 }

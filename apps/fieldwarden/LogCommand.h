@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace libfieldwarden::app {
 
@@ -23,6 +24,13 @@ struct LogShowOptions {
     std::string channel;
     std::optional<std::string> since; ///< As parseSince() takes it.
     bool csv = false;
+};
+
+/// What is drawn of channels.
+struct LogPlotOptions {
+    std::vector<std::string> channels;
+    std::optional<std::string> since; ///< As parseSince() takes it.
+    std::filesystem::path picture;    ///< Ends in .png or .svg.
 };
 
 /// @param aText  "10min", "2h" or "1d" back from now, or "2026-11-21", "2026-11-21T14:00",
@@ -42,5 +50,11 @@ int logList(LogOptions const& aOptions, bool aAll);
 /// @throws WrongUsage             for a time that cannot be read or a channel that is not there.
 /// @throws std::runtime_error     when there is no file to read.
 int logShow(LogOptions const& aOptions, LogShowOptions const& aShow);
+
+/// Draws channels over time, those of one unit in one panel.
+/// @throws WrongUsage             for a time that cannot be read, a channel that is not there, channels that
+///                                all have no samples, or a picture with another ending.
+/// @throws std::runtime_error     when there is no file to read, or no picture can be drawn or written.
+int logPlot(LogOptions const& aOptions, LogPlotOptions const& aPlot);
 
 } // namespace libfieldwarden::app

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line: which subcommand, with which options, and what its end means to the shell.
 #include "apps/fieldwarden/AtCommand.h"
+#include "apps/fieldwarden/BoardDumpCommand.h"
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/HelpText.h"
 #include "apps/fieldwarden/LockCommand.h"
@@ -127,6 +128,23 @@ private:
             ->excludes(json);
     }
 
+    enum class DumpKind { Fid, Fft, Canopen };
+
+    static int dumpOf(DumpKind aKind, LockOptions const& aOptions, std::filesystem::path const& aPath) {
+        switch (aKind) {
+            case DumpKind::Fid:
+                return lockDump(aOptions, LockDumpKind::Fid, aPath);
+            case DumpKind::Fft:
+                return lockDump(aOptions, LockDumpKind::Fft, aPath);
+            case DumpKind::Canopen:
+                break;
+        }
+        if (aOptions.frequency) {
+            throw WrongUsage("--frequency starts the lock, which 'dump canopen' does not need");
+        }
+        return boardDump(aOptions.session, aOptions.form, aPath);
+    }
+
     static void addFrequencyOption(CLI::App& aCommand, std::optional<std::string>& aFrequency) {
         aCommand
             .add_option("--frequency", aFrequency,
@@ -158,19 +176,22 @@ private:
                        lockRegisters, std::make_shared<LockOptions>());
 
         auto const dumpOptions = std::make_shared<LockOptions>();
-        auto const kind = std::make_shared<LockDumpKind>(LockDumpKind::Fid);
+        auto const kind = std::make_shared<DumpKind>(DumpKind::Fid);
         auto const file = std::make_shared<std::filesystem::path>();
         CLI::App& dump = addLockCommand(
-            mProgram, "dump", "Start the lock and keep its FID or its FFT in a file",
-            "dump fid|fft FILE [--frequency MHZ]",
-            [kind, file](LockOptions const& aOptions) { return lockDump(aOptions, *kind, *file); },
+            mProgram, "dump", "Keep the lock's FID or FFT, or what the boards know, in files",
+            "dump fid|fft FILE|canopen DIR [--frequency MHZ]",
+            [kind, file](LockOptions const& aOptions) { return dumpOf(*kind, aOptions, *file); },
             dumpOptions);
-        dump.add_option("KIND", *kind, "'fid', the signal in time, or 'fft', its spectrum")
+        dump.add_option("KIND", *kind,
+                        "'fid', the lock's signal in time, 'fft', its spectrum, or 'canopen', all objects of "
+                        "the boards")
             ->required()
-            ->transform(quiet(CLI::CheckedTransformer(
-                std::map<std::string, LockDumpKind>{{"fid", LockDumpKind::Fid}, {"fft", LockDumpKind::Fft}})))
-            ->type_name("fid|fft");
-        dump.add_option("FILE", *file, "The HDF5 file; one that is there is replaced")
+            ->transform(quiet(CLI::CheckedTransformer(std::map<std::string, DumpKind>{
+                {"fid", DumpKind::Fid}, {"fft", DumpKind::Fft}, {"canopen", DumpKind::Canopen}})))
+            ->type_name("fid|fft|canopen");
+        dump.add_option("FILE", *file,
+                        "The HDF5 file, or the folder of the boards' dumps; what is there is replaced")
             ->required()
             ->type_name("FILE");
         addFrequencyOption(dump, dumpOptions->frequency);
@@ -361,7 +382,7 @@ private:
     }
 
     void addLog() {
-        CLI::App& log = add(mProgram, "log", "What the data logger has kept", "log list|show …");
+        CLI::App& log = add(mProgram, "log", "What the data logger has kept", "log list|show|plot …");
         log.require_subcommand(1);
         auto const all = std::make_shared<bool>(false);
         addLogCommand(log, "list", "The channels with their newest values", " [--all]",
@@ -383,6 +404,17 @@ private:
         command.add_flag("--csv", show->csv, "As CSV with a header line")
             ->excludes(command.get_option("--json"))
             ->excludes(command.get_option("--quiet"));
+        auto const plot = std::make_shared<LogPlotOptions>();
+        CLI::App& draw =
+            addLogCommand(log, "plot", "Draw channels over time", " CHANNEL… --out FILE [--since TIME]",
+                          [plot](LogOptions const& aOptions) { return logPlot(aOptions, *plot); });
+        draw.add_option("CHANNEL", plot->channels, "Names of channels, as 'log list' gives them")
+            ->required()
+            ->type_name("CHANNEL…");
+        draw.add_option("--out", plot->picture, "The picture, ending in .png or .svg")
+            ->required()
+            ->type_name("FILE");
+        draw.add_option("--since", plot->since, "From then on, as of 'log show'")->type_name("TIME");
     }
 
     void addPlot() {

@@ -2,6 +2,7 @@
 // The composition root: builds all services of the instrument, wires them to each other and owns them.
 #pragma once
 
+#include <fieldwarden/DeviceLogInterface.h>
 #include <fieldwarden/FieldwardenInterface.h>
 #include <velmor/kepla/log/Logger.h>
 
@@ -32,7 +33,9 @@ class MainboardInterface;
 
 /// The one concrete FieldwardenInterface. Everything runs from the end of the constructor to the destructor,
 /// in which each service ends its own threads; there is no start and no stop.
-class FieldwardenInterfaceQ47 : private virtual velmor::kepla::log::Logger, public FieldwardenInterface {
+class FieldwardenInterfaceQ47 : private virtual velmor::kepla::log::Logger,
+                                public FieldwardenInterface,
+                                public libfieldwarden::DeviceLogInterface {
 public:
     /// Brings the instrument up. The parameters are those of FieldwardenInterface::openInterface().
     /// @throws std::exception  what any part of the instrument throws on its way up; what was built so far is
@@ -67,12 +70,9 @@ public:
     /// @return The configuration root in use.
     std::string configRoot() const { return mConfigRoot; }
 
-    /// Writes the dumps of the boards' object dictionaries, for the device log.
-    /// @param aPath  Folder of the dumps.
-    /// @param aType  Full or minimal; not used, the dumps are always whole.
-    /// @param aId    Number of the request; not used.
+    /// Also the handler of the device log's calls over D-Bus.
     /// @throws std::exception  what the boards throw; the device log reports it.
-    void createLog(std::string const& aPath, int aType, int aId);
+    void createLog(std::string const& aPath, int aType, int aId) override;
 
 private:
     void initializeTemperature(
