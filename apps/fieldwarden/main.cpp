@@ -10,6 +10,7 @@
 #include "apps/fieldwarden/PlotCommand.h"
 #include "apps/fieldwarden/RunCommand.h"
 #include "apps/fieldwarden/ShimCommand.h"
+#include "apps/fieldwarden/TemperatureCommand.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <velmor/platform/Version.h>
@@ -42,6 +43,7 @@ public:
         mUsage[&mProgram] = "SUBCOMMAND …";
         addRun();
         addLockCommands();
+        addTemperature();
         addShim();
         addAt();
         addLog();
@@ -206,6 +208,20 @@ private:
         scan.add_option("--plot", *picture, "Also draw magnitude against frequency, to a .png or .svg file")
             ->type_name("FILE");
         scan.footer("Takes some minutes of the instrument's time.");
+    }
+
+    void addTemperature() {
+        CLI::App& command =
+            add(mProgram, "temperature", "The temperatures of magnet, shim coils, iso box and probe",
+                "temperature [--simulate] [--data DIR] [--json|-q]");
+        auto const session = std::make_shared<SessionOptions>();
+        auto const form = std::make_shared<Form>(Form::Text);
+        addSessionOptions(command, *session);
+        addFormOptions(command, *form);
+        does(command, [&command, session, form] {
+            checkSessionOptions(command, *session);
+            return temperatureCommand(*session, *form);
+        });
     }
 
     void addRun() {
