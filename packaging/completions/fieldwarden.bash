@@ -36,8 +36,10 @@ _fieldwarden() {
             case $(_fieldwarden_command "${COMP_WORDS[@]:1:COMP_CWORD-1}") in
                 '') words='run registers dump lock shim at log plot --help --version' ;;
                 run) words="$session --system --frequency --at --until-stable --cold --for --json" ;;
+                '') words='run registers dump lock shim log plot temperature --help --version' ;;
+                run) words="$session --system --frequency --for --json" ;;
                 registers) words="$session --system $form" ;;
-                dump) words="fid fft --frequency $session --system $form" paths=-f ;;
+                dump) words="fid fft canopen --frequency $session --system $form" paths=-f ;;
                 lock) words='scan --help' ;;
                 'lock scan') words="--plot $session --system $form" ;;
                 shim) words='list get set current load save relations system --help' ;;
@@ -48,8 +50,11 @@ _fieldwarden() {
                 'at exchange') words="--wait --no-sample $session --system $form" ;;
                 'at flows') words="$session --system $form" ;;
                 log) words='list show --help' ;;
+                log) words='list show plot --help' ;;
                 'log list') words="--all --simulate --data --help $form" ;;
                 'log show') words="--since --csv --simulate --data --help $form" ;;
+                'log plot') words="--out --since --simulate --data --help $form" ;;
+                temperature) words="$session --system $form" ;;
                 plot) words="--out --fid --fft --help $form" paths=-f ;;
             esac
             # Options are offered to those who begin one, where something else may stand too.

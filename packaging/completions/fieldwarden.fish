@@ -33,6 +33,7 @@ complete -c fieldwarden -n __fieldwarden_is -a lock -d 'A closer look at the loc
 complete -c fieldwarden -n __fieldwarden_is -a shim -d 'Gradients and currents of the shim coils'
 complete -c fieldwarden -n __fieldwarden_is -a at -d 'The probe gas of the adjustable temperature'
 complete -c fieldwarden -n __fieldwarden_is -a log -d 'What the data logger has kept'
+complete -c fieldwarden -n __fieldwarden_is -a temperature -d 'The temperatures of magnet and probe'
 complete -c fieldwarden -n __fieldwarden_is -a plot -d 'Draw a dump of the lock signal'
 
 complete -c fieldwarden -n '__fieldwarden_is shim' -a list -d 'All gradients that the shim system has'
@@ -52,13 +53,16 @@ complete -c fieldwarden -n '__fieldwarden_is shim system' -a 11 -d wmxs2a
 
 complete -c fieldwarden -n '__fieldwarden_is log' -a list -d 'The channels with their newest values'
 complete -c fieldwarden -n '__fieldwarden_is log' -a show -d 'The samples of a channel, oldest first'
+complete -c fieldwarden -n '__fieldwarden_is log' -a plot -d 'Draw channels over time'
+complete -c fieldwarden -n '__fieldwarden_is log plot' -l since -x -d 'From then on'
+complete -c fieldwarden -n '__fieldwarden_is log plot' -l out -r -F -d 'The picture'
 complete -c fieldwarden -n '__fieldwarden_is log list' -l all -d 'Also the channels for service'
 complete -c fieldwarden -n '__fieldwarden_is log show' -l since -x -d 'From then on'
 complete -c fieldwarden -n '__fieldwarden_is log show' -l csv -d 'As CSV with a header line'
 
 complete -c fieldwarden -n '__fieldwarden_is lock' -a scan -d 'Look for signals over the whole range'
 complete -c fieldwarden -n '__fieldwarden_is lock scan' -l plot -r -F -d 'A picture, too'
-complete -c fieldwarden -n '__fieldwarden_is dump' -a 'fid fft'
+complete -c fieldwarden -n '__fieldwarden_is dump' -a 'fid fft canopen'
 complete -c fieldwarden -n '__fieldwarden_is dump' -F
 for command in run dump
     complete -c fieldwarden -n "__fieldwarden_is $command" -l frequency -x -d 'The magnet frequency in MHz'
@@ -73,6 +77,8 @@ complete -c fieldwarden -n '__fieldwarden_is plot' -l quiet -s q -d 'The bare va
 
 for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
     'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows'
+for command in run registers dump temperature 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
+    'shim save' 'shim relations' 'shim system'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l lock -x -a 'mock real' -d 'Which lock'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l time-scale -x -d 'Simulated seconds in a real second'
     if test $command != 'shim system'
@@ -81,6 +87,8 @@ for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 
 end
 for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
     'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows' 'log list' 'log show'
+for command in run registers dump temperature 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
+    'shim save' 'shim relations' 'shim system' 'log list' 'log show' 'log plot'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l simulate -d 'On the simulated instrument'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l data -x -a '(__fish_complete_directories)' \
         -d 'Folder of the instrument'

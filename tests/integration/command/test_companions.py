@@ -19,6 +19,8 @@ PACKAGING = None
 SHIM = ('list', 'get', 'set', 'current', 'load', 'save', 'relations', 'system')
 COMMANDS = [['run'], ['registers'], ['dump'], ['lock', 'scan'], *(['shim', name] for name in SHIM), ['at', 'exchange'],
             ['at', 'flows'], ['log', 'list'], ['log', 'show'], ['plot']]
+COMMANDS = [['run'], ['registers'], ['dump'], ['lock', 'scan'], *(['shim', name] for name in SHIM), ['log', 'list'],
+            ['log', 'show'], ['log', 'plot'], ['plot'], ['temperature']]
 
 
 def options_of(*command):
@@ -34,6 +36,8 @@ class ManPages(unittest.TestCase):
         self.assertEqual([page.stem for page in pages],
                          ['fieldwarden', 'fieldwarden-at', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log', 'fieldwarden-plot',
                           'fieldwarden-registers', 'fieldwarden-run', 'fieldwarden-shim'])
+                         ['fieldwarden', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log', 'fieldwarden-plot',
+                          'fieldwarden-registers', 'fieldwarden-run', 'fieldwarden-shim', 'fieldwarden-temperature'])
         return pages
 
     def test_they_tell_of_every_option(self):

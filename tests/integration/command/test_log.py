@@ -8,6 +8,7 @@ import csv
 import datetime
 import io
 import json
+import pathlib
 import sqlite3
 
 import commandline
@@ -90,6 +91,29 @@ class AfterRuns(WithLog):
         self.assertEqual(self.lines(CHANNEL, '--since', '1h'), [first, second])
         self.assertEqual(self.lines(CHANNEL, '--since', '0s'), [])
         self.assertEqual(self.lines(CHANNEL, '--since', '2000-01-01'), [first, second])
+
+    def test_plot_draws_channels_over_time(self):
+        for ending, begin in (('png', b'\x89PNG'), ('svg', b'<?xml')):
+            picture = self.folder / f'channels.{ending}'
+            document = self.document('log', 'plot', CHANNEL, 'shimboard/9/calibration_offset', '--out', str(picture))
+            times = self.query('SELECT min(time), max(time) FROM sample JOIN channel ON channel = channel.id '
+                               'WHERE name IN (?, ?)', CHANNEL, 'shimboard/9/calibration_offset')[0]
+            self.assertEqual(document, {'schema': 1, 'file': str(picture), 'channels': 2, 'samples': 4,
+                                        'first': utc(times[0]), 'last': utc(times[1])})
+            self.assertTrue(picture.read_bytes().startswith(begin))
+        self.assertIn(CHANNEL, picture.read_text())
+
+    def test_plot_says_what_it_cannot_draw(self):
+        picture = str(self.folder / 'picture.png')
+        for code, words, arguments in (
+                (2, 'must end in .png or .svg', [CHANNEL, '--out', 'picture.txt']),
+                (2, '--out is required', [CHANNEL]),
+                (2, "no channel \"nope\"; 'fieldwarden log list' names the channels", ['nope', '--out', picture]),
+                (2, f"'{CHANNEL}' has no samples since then", [CHANNEL, '--since', '0s', '--out', picture]),
+                (1, '/nowhere/picture.png', [CHANNEL, '--out', '/nowhere/picture.png'])):
+            with self.subTest(arguments):
+                self.assert_refused(code, words, 'log', 'plot', *arguments)
+        self.assertFalse(pathlib.Path(picture).exists())
 
     def test_wrong_arguments_are_refused(self):
         for words, arguments in (("no channel \"nope\"; 'fieldwarden log list' names the channels", ['show', 'nope']),

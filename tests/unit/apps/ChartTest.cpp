@@ -109,6 +109,28 @@ TEST(GnuplotScript, LeavesRoomAroundValuesThatAreAllTheSame) {
                 AllOf(HasSubstr("set xrange [0:1]"), HasSubstr("set yrange [0:1]")));
 }
 
+TEST(GnuplotScript, ShowsTimesOfDayAndNoMoreThanTheValuesSpan) {
+    // Two channels whose samples have times of their own: 2026-11-21T14:00:00Z is 1795269600 s.
+    Panel const kelvin{.axis = "Value [K]",
+                       .curves = {{"a", {298.0, 299.0}, "#000000", {1795269600.0, 1795269610.0}},
+                                  {"b", {298.5}, "#000000", {1795269620.0}}},
+                       .fromZero = false};
+    std::string const script =
+        gnuplotScript({"two", "Time [UTC]", {}, {kelvin}, ChartAxis::Time}, PictureFormat::Png);
+    EXPECT_THAT(script,
+                AllOf(HasSubstr("set xtics time format '%H:%M:%S'"),
+                      HasSubstr("set xrange [1795269600:1795269620]"), HasSubstr("set format y '%.8g'")));
+    // 8 percent of 1 K above and below.
+    EXPECT_THAT(script, HasSubstr("set yrange [297.92:299.08]"));
+    EXPECT_THAT(script, HasSubstr("1795269600 298\n1795269610 299\nEOD"));
+}
+
+TEST(GnuplotScript, ShowsDatesWhereThereIsMoreThanADay) {
+    Panel const panel{.axis = "", .curves = {{"a", {1.0, 2.0}, "#000000", {0.0, 86'401.0}}}};
+    EXPECT_THAT(gnuplotScript({"", "", {}, {panel}, ChartAxis::Time}, PictureFormat::Png),
+                HasSubstr("set xtics time format '%m-%d\\n%H:%M'"));
+}
+
 TEST(DrawnByGnuplot, IsAPicture) {
     EXPECT_THAT(drawnByGnuplot(gnuplotScript(chart(), PictureFormat::Png)), StartsWith("\x89PNG\r\n"));
     EXPECT_THAT(drawnByGnuplot(gnuplotScript(chart(), PictureFormat::Svg)),
