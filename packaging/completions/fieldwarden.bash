@@ -34,10 +34,8 @@ _fieldwarden() {
         --time-scale | --for | --since | --frequency | --at | --wait) ;;
         *)
             case $(_fieldwarden_command "${COMP_WORDS[@]:1:COMP_CWORD-1}") in
-                '') words='run registers dump lock shim at log plot --help --version' ;;
+                '') words='run registers dump lock shim at log plot temperature --help --version' ;;
                 run) words="$session --system --frequency --at --until-stable --cold --for --json" ;;
-                '') words='run registers dump lock shim log plot temperature --help --version' ;;
-                run) words="$session --system --frequency --for --json" ;;
                 registers) words="$session --system $form" ;;
                 dump) words="fid fft canopen --frequency $session --system $form" paths=-f ;;
                 lock) words='scan --help' ;;
@@ -49,7 +47,6 @@ _fieldwarden() {
                 at) words='exchange flows --help' ;;
                 'at exchange') words="--wait --no-sample $session --system $form" ;;
                 'at flows') words="$session --system $form" ;;
-                log) words='list show --help' ;;
                 log) words='list show plot --help' ;;
                 'log list') words="--all --simulate --data --help $form" ;;
                 'log show') words="--since --csv --simulate --data --help $form" ;;

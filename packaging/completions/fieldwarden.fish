@@ -75,20 +75,16 @@ complete -c fieldwarden -n '__fieldwarden_is plot' -l fft -d 'Points in frequenc
 complete -c fieldwarden -n '__fieldwarden_is plot' -l json -d 'As JSON, for programs'
 complete -c fieldwarden -n '__fieldwarden_is plot' -l quiet -s q -d 'The bare values'
 
-for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows'
 for command in run registers dump temperature 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system'
+    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l lock -x -a 'mock real' -d 'Which lock'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l time-scale -x -d 'Simulated seconds in a real second'
     if test $command != 'shim system'
         complete -c fieldwarden -n "__fieldwarden_is $command" -l system -x -a '8 9 10 11' -d 'The shim system'
     end
 end
-for command in run registers dump 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows' 'log list' 'log show'
 for command in run registers dump temperature 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system' 'log list' 'log show' 'log plot'
+    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows' 'log list' 'log show' 'log plot'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l simulate -d 'On the simulated instrument'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l data -x -a '(__fish_complete_directories)' \
         -d 'Folder of the instrument'

@@ -18,9 +18,7 @@ from commandline import run
 PACKAGING = None
 SHIM = ('list', 'get', 'set', 'current', 'load', 'save', 'relations', 'system')
 COMMANDS = [['run'], ['registers'], ['dump'], ['lock', 'scan'], *(['shim', name] for name in SHIM), ['at', 'exchange'],
-            ['at', 'flows'], ['log', 'list'], ['log', 'show'], ['plot']]
-COMMANDS = [['run'], ['registers'], ['dump'], ['lock', 'scan'], *(['shim', name] for name in SHIM), ['log', 'list'],
-            ['log', 'show'], ['log', 'plot'], ['plot'], ['temperature']]
+            ['at', 'flows'], ['log', 'list'], ['log', 'show'], ['log', 'plot'], ['plot'], ['temperature']]
 
 
 def options_of(*command):
@@ -34,10 +32,9 @@ class ManPages(unittest.TestCase):
     def pages(self):
         pages = sorted((PACKAGING / 'man').glob('*.1'), key=lambda page: page.stem)
         self.assertEqual([page.stem for page in pages],
-                         ['fieldwarden', 'fieldwarden-at', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log', 'fieldwarden-plot',
-                          'fieldwarden-registers', 'fieldwarden-run', 'fieldwarden-shim'])
-                         ['fieldwarden', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log', 'fieldwarden-plot',
-                          'fieldwarden-registers', 'fieldwarden-run', 'fieldwarden-shim', 'fieldwarden-temperature'])
+                         ['fieldwarden', 'fieldwarden-at', 'fieldwarden-dump', 'fieldwarden-lock', 'fieldwarden-log',
+                          'fieldwarden-plot', 'fieldwarden-registers', 'fieldwarden-run', 'fieldwarden-shim',
+                          'fieldwarden-temperature'])
         return pages
 
     def test_they_tell_of_every_option(self):
@@ -66,10 +63,11 @@ class Completions:
     """What holds for every shell."""
 
     def test_subcommands(self):
-        self.assertEqual(self.offered('fieldwarden', ''), {'run', 'registers', 'dump', 'lock', 'shim', 'at', 'log', 'plot'})
+        self.assertEqual(self.offered('fieldwarden', ''),
+                         {'run', 'registers', 'dump', 'lock', 'shim', 'at', 'log', 'plot', 'temperature'})
         self.assertEqual(self.offered('fieldwarden', 'shim', ''), set(SHIM))
         self.assertEqual(self.offered('fieldwarden', 'shim', 's'), {'set', 'save', 'system'})
-        self.assertEqual(self.offered('fieldwarden', 'log', ''), {'list', 'show'})
+        self.assertEqual(self.offered('fieldwarden', 'log', ''), {'list', 'show', 'plot'})
 
     def test_options_are_those_of_the_help(self):
         for command in COMMANDS:

@@ -32,7 +32,7 @@ class Temperatures(WithInstrument):
     def test_as_text_and_as_bare_values(self):
         text = self.answer('temperature').splitlines()
         self.assertRegex(text[0], r'^magnet +298\.1[45]\d K +wanted 298\.130 to 298\.170, not ready yet$')
-        self.assertRegex(text[1], r'^shim coils +2[45]\.\d{3} °C wanted 24\.980 to 25\.020$')
+        self.assertRegex(text[1], r'^shim coils +2[45]\.\d{3} °C +wanted 24\.980 to 25\.020$')
         self.assertEqual([line.split()[0] for line in text], ['magnet', 'shim', 'iso', 'probe', 'regulation', 'gas'])
         bare = self.answer('temperature', '-q').splitlines()
         self.assertEqual(len(bare), 4)
