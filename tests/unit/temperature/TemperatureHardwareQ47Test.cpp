@@ -6,6 +6,7 @@
 
 #include <fieldwarden/LockForTemperatureIfc.h>
 
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -146,6 +147,30 @@ TEST_F(TemperatureHardwareQ47Test, ReadsTheRecordOfTheVariableTemperatureUnit) {
     }
 }
 
+TEST_F(TemperatureHardwareQ47Test, TakesAFolderInPlaceOfTheRecordForASystemWithoutOption) {
+    std::filesystem::create_directories(mVtuMdsPath);
+    EXPECT_EQ(service().getProbeDeviceActiveChannel(), 0);
+    EXPECT_EQ(service().getProbeTemperatureMeasurements(), "<temperature />");
+    bool found = false;
+    for (CapturedLine const& line : lines()) {
+        found = found || (line.severity == Severity::Error &&
+                          line.text.starts_with("Failed to read content of file at path '" +
+                                                mVtuMdsPath.string() + "' with error '"));
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(TemperatureHardwareQ47Test, TakesARecordThatMakesNoSenseForASystemWithoutOption) {
+    for (std::string const& record :
+         {std::string(), std::string("<record>"), std::string("\0\1\2", 3), std::string("<flows/>")}) {
+        SCOPED_TRACE(record);
+        mService = nullptr;
+        writeFile(mVtuMdsPath, record);
+        EXPECT_EQ(service().getProbeDeviceActiveChannel(), 0);
+        EXPECT_EQ(service().getProbeTemperatureMeasurements(), "<temperature />");
+    }
+}
+
 TEST_F(TemperatureHardwareQ47Test, MakesItsChannelsInTheirOrder) {
     service();
     auto const infos = mDataLogger->infos();
@@ -247,10 +272,14 @@ TEST_F(TemperatureHardwareQ47Test, LeavesTheModeAloneForAnUnknownPeltier) {
 }
 
 TEST_F(TemperatureHardwareQ47Test, LeavesTheModeAloneForARecordThatMakesNoSense) {
-    for (std::string const& record : {std::string(), std::string("no record"), std::string("<record>"),
-                                      isoBoxRecord(""), isoBoxRecord("<value>1</value><value>1</value>"),
-                                      isoBoxRecord("<value>1</value><value>1</value><value>big</value>"),
-                                      isoBoxRecord("<value>1</value><value>1</value><value>-1</value>")}) {
+    for (std::string const& record :
+         {std::string(), std::string("no record"), std::string("<record>"), isoBoxRecord(""),
+          isoBoxRecord("<value>1</value><value>1</value>"),
+          isoBoxRecord("<value>1</value><value>1</value><value>big</value>"),
+          isoBoxRecord("<value>1</value><value>1</value><value></value>"),
+          isoBoxRecord("<value>1</value><value>1</value><value>2.5</value>"),
+          isoBoxRecord("<value>1</value><value>1</value><value>4294967298</value>"),
+          isoBoxRecord("<value>1</value><value>1</value><value>-1</value>")}) {
         SCOPED_TRACE(record);
         mDeviceId->answer = [&] { return record; };
         mService = nullptr;
@@ -265,6 +294,20 @@ TEST_F(TemperatureHardwareQ47Test, LeavesTheModeAloneForARecordThatMakesNoSense)
         EXPECT_TRUE(found);
         EXPECT_THAT(mBoard->takeCalls(), Not(Contains(HasSubstr("setIsoBoxTemperingMode"))));
     }
+}
+
+TEST_F(TemperatureHardwareQ47Test, TakesThePeltierFromTheThirdValueWhateverElseTheRecordHolds) {
+    mDeviceId->answer = [] {
+        return std::string(
+            "<record><group name=\"Magnet\"><value>1</value><value>1</value><value>1</value></group>"
+            "<group name=\"IsoBoxTempering\"><value>none</value><value/><value>2</value>"
+            "<value>1</value><value>far</value></group></record>");
+    };
+    service();
+    EXPECT_TRUE(
+        mLog.has(Severity::Info, "configureIsoBoxPeltier: isobox tempering peltier type 2 specified in MDS"));
+    EXPECT_TRUE(mLog.has(Severity::Info, "configureIsoBoxPeltier: big peltier"));
+    EXPECT_THAT(mBoard->takeCalls(), Contains("setIsoBoxTemperingMode(1)"));
 }
 
 TEST_F(TemperatureHardwareQ47Test, GoesOnWhenTheIsoBoxCannotBeSetUp) {
