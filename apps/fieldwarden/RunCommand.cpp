@@ -37,6 +37,7 @@
 
 #include <fmt/format.h>
 #include <poll.h>
+#include <unistd.h>
 
 namespace libfieldwarden::app {
 
@@ -212,13 +213,14 @@ private:
         mDrawn = true;
     }
 
-    /// What the terminal's line shows already.
+    /// What the terminal's line shows already. Events that go to a file are kept there all the same.
     bool isOnTheLine(Event const& aEvent) const {
-        return mBar.redraws() && !mOptions.json &&
+        return mBesideEvents &&
                (aEvent.name == TemperatureWatch::kTemperatures || aEvent.name == ProbeRun::kRamp);
     }
 
-    /// A step of a start: its bar on a terminal, otherwise a line when it begins.
+    /// A step of a start: its bar on a terminal, and where events do not go there, too, a line when it
+    /// begins.
     void showProgress(Event const& aEvent) {
         std::string const step = aEvent.fields["step"];
         if (mBar.redraws() && !mOptions.json) {
@@ -226,7 +228,8 @@ private:
             unsigned const total = aEvent.fields["total"];
             mLockLine = fmt::format("{} {} {}/{}", barText(done, total), step, done, total);
             mDrawn = false;
-        } else if (step != mStep) {
+        }
+        if (step != mStep && !mBesideEvents) {
             mReaderThere = mReaderThere && mPrinter.print(aEvent);
         }
         mStep = step;
@@ -385,6 +388,8 @@ private:
     LockEvents* mLockEvents = nullptr;
     std::optional<RealTime::time_point> mEnd;
     ProgressBar mBar;
+    /// Whether the terminal's line stands on the same terminal as the events.
+    bool const mBesideEvents = mBar.redraws() && !mOptions.json && ::isatty(STDOUT_FILENO) == 1;
     std::string mStep; ///< The step of a start that was shown last.
     velmor::platform::Clock::SystemTimePoint const mBegin = velmor::platform::Clock::current().systemNow();
     std::filesystem::path mH0File;

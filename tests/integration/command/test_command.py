@@ -5,6 +5,7 @@
 usage: test_command.py PROGRAM [unittest arguments]
 """
 import json
+import os
 import pathlib
 import signal
 import tempfile
@@ -70,6 +71,16 @@ class Run(WithoutMockDirectory):
         self.assertIn('closed', out)
         self.assertRegex(err, rf'fieldwarden: closed after \d+\.\d s, {len(out.splitlines())} events\n$')
         self.assertFalse(MOCK.exists())
+
+    def test_a_file_takes_what_the_line_on_the_terminal_shows_too(self):
+        leader, follower = os.openpty()
+        with os.fdopen(leader, 'rb', buffering=0):
+            process = start('run', '--simulate', '--lock', 'mock', '--for', '1.5', stderr=follower,
+                            env={**os.environ, 'NO_COLOR': ''})
+            os.close(follower)
+            out, _ = process.communicate(timeout=LONG)  # The little that the line needs fits into the terminal.
+        self.assertEqual(process.returncode, 0)
+        self.assertRegex(out, r'magnet +\d{3}\.\d{3} K, shim coil ')
 
     def test_shows_a_warning_within_two_seconds(self):
         process = start('run', '--simulate', '--lock', 'mock', '--json')
