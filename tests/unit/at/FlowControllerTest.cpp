@@ -7,6 +7,7 @@
 #include <chrono>
 #include <limits>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -18,7 +19,6 @@ using libfieldwarden::test::Severity;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using velmor::kepla::datalogger::DataLoggerStats;
-using velmor::kepla::datalogger::DataLoggerUnit;
 using namespace std::chrono_literals;
 using State = FlowController::FlowState;
 using Flow = std::pair<unsigned char, bool>;
