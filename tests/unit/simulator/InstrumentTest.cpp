@@ -2,13 +2,18 @@
 // What a simulated instrument brings along.
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
+#include "support/Eventually.h"
 #include "support/TemporaryDirectory.h"
 
 #include <velmor/kepla/deviceid/DeviceIdClientIfc.h>
 #include <velmor/kepla/mds/Mds.h>
 #include <velmor/q47/mainboarddaemon/MainboardInterface.h>
 
+#include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <vector>
 
@@ -17,6 +22,8 @@
 namespace {
 
 using libfieldwarden::sim::Instrument;
+using libfieldwarden::sim::SequencerDriver;
+using libfieldwarden::test::eventually;
 using libfieldwarden::test::readFile;
 using libfieldwarden::test::TemporaryDirectory;
 using libfieldwarden::test::writeFile;
@@ -84,6 +91,48 @@ TEST_F(SimulatedInstrumentTest, LetsTheMagnetFeelWhatTheBoardsDrive) {
     auto const after = instrument.magnet()->lockLine(instrument.clock()->now(), 0);
     // 1300 Hz at 1 A; the Z2 of the same coil, -97.5 Hz/cm^2, has a mean of -31.5 Hz over the sample.
     EXPECT_NEAR((after.fluorineHz - before.fluorineHz) / 0.9407841, -126.85, 0.1);
+}
+
+std::vector<std::uint8_t> milliCelsius(unsigned aValue) {
+    return {static_cast<std::uint8_t>(aValue & 0xFFU), static_cast<std::uint8_t>(aValue >> 8U)};
+}
+
+TEST_F(SimulatedInstrumentTest, LetsTheMagnetFeelTheTemperatureOfTheShimCoils) {
+    Instrument const instrument({.folder = mDirectory.path(),
+                                 .timeScale = 1000.0,
+                                 .magnet = {.driftProtonHzPerSecond = 0.0},
+                                 .sequencerPace = SequencerDriver::Pace::Hand});
+    auto const protonHz = [&instrument] {
+        return instrument.magnet()->lockLine(instrument.clock()->now(), 0).fluorineHz / 0.9407841;
+    };
+    double const before = protonHz();
+    // Half a kelvin above the 25 degrees Celsius of before, which is as far as the lock goes.
+    ASSERT_EQ(instrument.temperatureBoard()->write({0x3104, 1}, milliCelsius(25'500)), 0U);
+    // 80.1234 MHz * -1e-3 / K * 0.15 * 0.5 K = -6,009 Hz; the magnet itself, which is held to some
+    // thousandths of a kelvin, adds up to some hundreds, 80 Hz each.
+    EXPECT_TRUE(eventually([&] { return std::abs(protonHz() - before + 6009.0) < 400.0; }))
+        << "moved by " << protonHz() - before << " Hz";
+}
+
+TEST_F(SimulatedInstrumentTest, LetsTheFlowBoxHearTheTemperatureBoard) {
+    Instrument const instrument({.folder = mDirectory.path()});
+    std::vector<std::uint8_t> const flow{2};
+    ASSERT_EQ(instrument.temperatureBoard()->write({0x3303, 3}, flow), 0U);
+    EXPECT_EQ(instrument.flowBox()->index(instrument.clock()->now()), 2);
+}
+
+TEST_F(SimulatedInstrumentTest, KeepsTheSetupOfTheTemperatureBoardInItsFolder) {
+    std::vector<std::uint8_t> const one{1};
+    {
+        Instrument const instrument({.folder = mDirectory.path()});
+        ASSERT_EQ(instrument.temperatureBoard()->write({0x3401, 3}, one), 0U); // the big Peltier
+        ASSERT_EQ(instrument.temperatureBoard()->write({0x3401, 6}, one), 0U); // to the EEPROM
+    }
+    EXPECT_TRUE(std::filesystem::exists(mDirectory.path() / "boards/temperature-board-7.json"));
+    Instrument const instrument({.folder = mDirectory.path()});
+    std::vector<std::uint8_t> mode;
+    ASSERT_EQ(instrument.temperatureBoard()->read({0x3401, 3}, mode), 0U);
+    EXPECT_EQ(mode, one);
 }
 
 } // namespace
