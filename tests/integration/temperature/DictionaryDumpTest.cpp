@@ -33,7 +33,6 @@
 
 namespace {
 
-using libfieldwarden::sim::BoardModelIfc;
 using libfieldwarden::sim::CanNode;
 using libfieldwarden::sim::ShimBoard;
 using libfieldwarden::sim::TemperatureBoard;
