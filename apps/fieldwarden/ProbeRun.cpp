@@ -28,6 +28,7 @@ constexpr double kCoolEnough = 308.15;
 constexpr double kMinutesPerKelvinAtMost = 1.5; ///< The ramp takes one; the probe follows it.
 constexpr double kMinutesBeside = 10.0;         ///< For gas and flush.
 constexpr unsigned kBarParts = 100;
+constexpr unsigned kBarWidth = 10; ///< So that flow and readiness fit into 80 columns, too.
 
 } // namespace
 
@@ -139,11 +140,18 @@ bool ProbeRun::overdue() const {
 // ---------------------------------------------------------------------------------------------------- words
 
 RampProgress ProbeRun::progress() const {
-    double const end = mStage == Stage::RampDown ? std::min(mBegin, std::max(kCoolEnough, mLowest)) : mTarget;
+    double const end = mStage == Stage::RampDown ? std::max(kCoolEnough, mLowest) : mTarget;
     return {mBegin, mKelvin, end};
 }
 
+bool ProbeRun::coolEnough() const {
+    return mStage == Stage::RampDown && mBegin <= std::max(kCoolEnough, mLowest);
+}
+
 void ProbeRun::tellRamp() {
+    if (coolEnough()) {
+        return;
+    }
     if (mToldKelvin && std::abs(mKelvin - *mToldKelvin) < kRampStep) {
         return;
     }
@@ -159,6 +167,16 @@ void ProbeRun::tellRamp() {
                  Tone::Plain});
 }
 
+std::string ProbeRun::rampWords(double aFlow) const {
+    if (coolEnough()) {
+        return fmt::format("probe {:.1f} K, switching off, {:g} l/h", mKelvin, aFlow);
+    }
+    RampProgress const ramp = progress();
+    return fmt::format("{} {:.1f} K to {:.1f} K, {} min, {:g} l/h",
+                       barText(static_cast<unsigned>(ramp.fraction() * kBarParts), kBarParts, kBarWidth),
+                       ramp.nowKelvin, ramp.targetKelvin, ramp.minutesToGo(), aFlow);
+}
+
 std::string ProbeRun::words(double aFlow) const {
     switch (mStage) {
         case Stage::WaitsForLock:
@@ -167,9 +185,7 @@ std::string ProbeRun::words(double aFlow) const {
             return "gas starts";
         case Stage::RampUp:
         case Stage::RampDown:
-            return fmt::format("{} probe {}, {:g} l/h",
-                               barText(static_cast<unsigned>(progress().fraction() * kBarParts), kBarParts),
-                               progress().words(), aFlow);
+            return rampWords(aFlow);
         case Stage::Settles:
         case Stage::Stable:
             return fmt::format("probe {:.1f} K of {:.1f} K, {}, {:g} l/h", mKelvin, mTarget,

@@ -59,8 +59,7 @@ public:
     bool wasStable() const noexcept { return mWasStable; }
 
     /// @param aFlow  Of the gas, l/h.
-    /// @return The line of a terminal, such as "[####----] up: 301.2 K to 310.0 K, about 9 min to go, 250
-    /// l/h".
+    /// @return The line of a terminal, such as "[###-------] 301.2 K to 310.0 K, 9 min, 200 l/h".
     std::string words(double aFlow) const;
 
 private:
@@ -69,6 +68,9 @@ private:
     void settle();
     void tellRamp();
     RampProgress progress() const;
+    std::string rampWords(double aFlow) const;
+    /// @return Whether the way down needs no ramp.
+    bool coolEnough() const;
     void enter(Stage aStage, char const* aPhase);
 
     TemperatureInterface& mTemperature;

@@ -16,7 +16,6 @@ namespace libfieldwarden::app {
 
 namespace {
 
-constexpr unsigned kWidth = 20;
 constexpr std::size_t kUsualColumns = 79;
 constexpr char const* kBeginOfClearedLine = "\r\033[K";
 
@@ -28,9 +27,9 @@ bool terminalForRedrawing() {
 
 } // namespace
 
-std::string barText(unsigned aDone, unsigned aTotal) {
-    unsigned const filled = aTotal == 0 ? 0 : std::min(kWidth, kWidth * std::min(aDone, aTotal) / aTotal);
-    return "[" + std::string(filled, '#') + std::string(kWidth - filled, '-') + "]";
+std::string barText(unsigned aDone, unsigned aTotal, unsigned aWidth) {
+    unsigned const filled = aTotal == 0 ? 0 : std::min(aWidth, aWidth * std::min(aDone, aTotal) / aTotal);
+    return "[" + std::string(filled, '#') + std::string(aWidth - filled, '-') + "]";
 }
 
 ProgressBar::ProgressBar()

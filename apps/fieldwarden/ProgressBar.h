@@ -34,7 +34,8 @@ private:
     std::string mStep;
 };
 
+/// @param aWidth  Between the brackets.
 /// @return Such as "[#####---------------]".
-std::string barText(unsigned aDone, unsigned aTotal);
+std::string barText(unsigned aDone, unsigned aTotal, unsigned aWidth = 20);
 
 } // namespace libfieldwarden::app

@@ -170,7 +170,7 @@ std::string MagnetReadiness::words() const {
         case Kind::Ready:
             return "ready";
         case Kind::Settling:
-            return fmt::format("ready in at most {} min", *minutesAtMost());
+            return fmt::format("ready within {} min", *minutesAtMost());
         case Kind::OffTarget:
             return fmt::format("not ready, {:.2f} K {} its target", std::abs(mOff),
                                mOff < 0.0 ? "below" : "above");

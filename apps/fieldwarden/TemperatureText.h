@@ -70,7 +70,7 @@ public:
     Kind kind() const noexcept { return mKind; }
     /// @return While settling the minutes until the latest time of readiness, rounded up; else none.
     std::optional<int> minutesAtMost() const;
-    /// @return Such as "ready in at most 25 min", "1.20 K below its target".
+    /// @return Such as "ready within 25 min", "1.20 K below its target".
     std::string words() const;
 
 private:

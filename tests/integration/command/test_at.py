@@ -75,7 +75,7 @@ class Run(unittest.TestCase):
         code, out, err = run('run', *MOCK, '--for', '1')
         self.assertEqual(code, 0, err)
         self.assertRegex(out, r'magnet +\d{3}\.\d{3} K, shim coil \d+\.\d{3} C, iso box \d{3}\.\d\d K, probe')
-        self.assertRegex(out, r'magnet +(not ready, \d\.\d\d K (above|below) its target|ready in at most \d+ min)')
+        self.assertRegex(out, r'magnet +(not ready, \d\.\d\d K (above|below) its target|ready within \d+ min)')
         self.assertNotIn('phase', out)
 
     def test_a_table_tells_where_the_time_went(self):

@@ -95,7 +95,7 @@ TEST(RampProgress, StaysBetweenItsEnds) {
 TEST(MagnetReadiness, IsAtMostAMeanAndItsHoldingAway) {
     MagnetReadiness magnet;
     magnet.look(303.15, 303.15, false, seconds(100));
-    EXPECT_EQ(magnet.words(), "ready in at most 25 min"); // 1500 s
+    EXPECT_EQ(magnet.words(), "ready within 25 min"); // 1500 s
     magnet.look(303.16, 303.15, false, seconds(1000));
     EXPECT_EQ(magnet.minutesAtMost(), 10); // 1500 - 900 = 600 s
     magnet.look(303.16, 303.15, false, seconds(1001));
@@ -113,7 +113,7 @@ TEST(MagnetReadiness, CountsAnewWhenTheMagnetHasLeftItsTarget) {
     magnet.look(303.65, 303.15, false, seconds(910));
     EXPECT_EQ(magnet.words(), "not ready, 0.50 K above its target");
     magnet.look(303.15, 303.15, false, seconds(1000));
-    EXPECT_EQ(magnet.words(), "ready in at most 25 min");
+    EXPECT_EQ(magnet.words(), "ready within 25 min");
 }
 
 TEST(MagnetReadiness, SaysSoWhenTheTimeIsOver) {
