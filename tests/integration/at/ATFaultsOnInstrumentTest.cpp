@@ -11,7 +11,6 @@ namespace {
 
 using namespace libfieldwarden::test;
 using namespace std::chrono_literals;
-using ::testing::Contains;
 using Generation = ATInstrument::Generation;
 using What = WatchedBoard::What;
 using libfieldwarden::sim::SensorFault;

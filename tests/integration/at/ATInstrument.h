@@ -209,7 +209,7 @@ public:
     }
 
     /// Time passes for the board, whether or not the library can follow.
-    void pass(std::chrono::seconds aTime) {
+    void pass(std::chrono::seconds aTime) const {
         for (auto left = aTime; left > std::chrono::seconds(0); left -= std::chrono::seconds(1)) {
             clock->advance(std::chrono::seconds(1));
             std::this_thread::sleep_for(std::chrono::milliseconds(1));

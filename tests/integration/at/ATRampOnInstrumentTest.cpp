@@ -17,7 +17,6 @@ namespace {
 
 using namespace libfieldwarden::test;
 using namespace std::chrono_literals;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Generation = ATInstrument::Generation;

@@ -16,7 +16,6 @@ namespace {
 using namespace libfieldwarden::test;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::Not;
 

@@ -15,9 +15,6 @@ namespace {
 using namespace libfieldwarden::test;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr char const* kPrototypeRefusal =
     "Combination of adjustable temperature and automation is not supported on this system.";
