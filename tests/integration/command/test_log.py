@@ -10,6 +10,7 @@ import io
 import json
 import pathlib
 import sqlite3
+import xml.etree.ElementTree
 
 import commandline
 from commandline import LONG, WithInstrument, lines_until, run, start
@@ -102,6 +103,20 @@ class AfterRuns(WithLog):
                                         'first': utc(times[0]), 'last': utc(times[1])})
             self.assertTrue(picture.read_bytes().startswith(begin))
         self.assertIn(CHANNEL, picture.read_text())
+
+    def test_plot_has_a_panel_for_each_unit_and_leaves_out_what_has_no_samples(self):
+        picture = self.folder / 'channels.svg'
+        box = 'temperatureBoard/isobox/temperature_target'
+        shims = 'temperatureBoard/shim/temperature/1_target'
+        empty = 'sample/exchange_mode'  # Nobody has asked for an exchange.
+        shown = self.answer('log', 'plot', box, empty, CHANNEL, shims, '--out', str(picture),
+                            messages=f"fieldwarden: the channel '{empty}' has no samples\n")
+        self.assertIn('samples of 3 channels, from ', shown)
+        texts = xml.etree.ElementTree.parse(picture).iter('{http://www.w3.org/2000/svg}text')
+        words = [''.join(text.itertext()).strip() for text in texts]
+        for word in ('Value [K]', 'Value [1]', box, shims, CHANNEL):
+            self.assertEqual(words.count(word), 1, word)
+        self.assertNotIn(empty, words)
 
     def test_plot_says_what_it_cannot_draw(self):
         picture = str(self.folder / 'picture.png')
