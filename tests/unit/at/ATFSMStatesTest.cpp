@@ -36,7 +36,6 @@ using libfieldwarden::test::reachTooLow;
 using libfieldwarden::test::Severity;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 namespace {
