@@ -128,11 +128,13 @@ private:
         auto const bytes = reader.bytes();
         auto const channel = reader.channel(kOneAPoll);
         std::printf(
-            "day %d: %.1f MB in the data logger's file (%+.1f MB), %.1f MB on the disk, %ju rounds kept\n",
+            "day %d: %.1f MB in the data logger's file (%+.1f MB), %.1f MB on the disk, %ju rounds kept, "
+            "heap "
+            "%zu bytes\n",
             ++mDay, 1e-6 * static_cast<double>(bytes),
             1e-6 * (static_cast<double>(bytes) - static_cast<double>(mBytes)),
             1e-6 * static_cast<double>(std::filesystem::file_size(mFile)),
-            static_cast<std::uintmax_t>(channel.count));
+            static_cast<std::uintmax_t>(channel.count), mallinfo2().uordblks);
         std::fflush(stdout);
         mBytes = bytes;
     }
