@@ -99,9 +99,6 @@ public:
             bringProbeDown(stop);
             mLockEvents = nullptr;
             mWatch.reset();
-            if (mTemperatureEvents) {
-                mTemperatureEvents->stop();
-            }
         }
         closeInOrder(session, stop, begin);
         return exitCode(stop);
@@ -398,7 +395,7 @@ private:
     bool mReaderThere = true;
     PhaseClock mPhases{"opening"};
     std::optional<TemperatureWatch> mWatch;
-    std::optional<TemperatureEvents> mTemperatureEvents; ///< Outlives the open library.
+    std::optional<TemperatureEvents> mTemperatureEvents; ///< Hears of the last steps, which closing awaits.
     std::optional<ProbeRun> mProbe;                      ///< Only with a target for the probe.
     bool mReachedStable = false;                         ///< Before the way down.
     bool mLockFailed = false;

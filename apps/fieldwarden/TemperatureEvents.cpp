@@ -11,13 +11,8 @@
 namespace libfieldwarden::app {
 
 TemperatureEvents::TemperatureEvents(TemperatureInterface& aTemperature, EventQueue& aQueue)
-    : mTemperature(aTemperature)
-    , mQueue(aQueue) {
-    mTemperature.setListener(this);
-}
-
-void TemperatureEvents::stop() {
-    mTemperature.removeListener();
+    : mQueue(aQueue) {
+    aTemperature.setListener(this);
 }
 
 template <typename Status>

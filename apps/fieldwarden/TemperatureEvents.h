@@ -10,9 +10,9 @@ class TemperatureInterface;
 
 namespace libfieldwarden::app {
 
-/// Listens to the temperature service from construction to stop() or the library's end. The calls come on
-/// several of the library's threads. Temperatures and power move all the time: whoever wants them reads them
-/// at leisure, so their news makes no events.
+/// Listens to the temperature service from construction to the library's end, and outlives it. The calls come
+/// on several of the library's threads. Temperatures and power move all the time: whoever wants them reads
+/// them at leisure, so their news makes no events.
 class TemperatureEvents : public TemperatureListenerInterface {
 public:
     /// The names of the events, all of the source "probe", but "ready" of the source "magnet".
@@ -24,15 +24,12 @@ public:
     static constexpr char const* kTarget = "target";
     static constexpr char const* kReady = "ready";
 
-    /// @param aTemperature  The temperature service; outlives this object.
+    /// @param aTemperature  The temperature service, still open.
     /// @param aQueue        Takes the events; outlives this object, and the library's last call.
     TemperatureEvents(TemperatureInterface& aTemperature, EventQueue& aQueue);
     ~TemperatureEvents() override = default;
     TemperatureEvents(TemperatureEvents const&) = delete;
     TemperatureEvents& operator=(TemperatureEvents const&) = delete;
-
-    /// Listens no more. A call that is under way may still end, so this object outlives the open library.
-    void stop();
 
     void magnetTemperatureChanged(double /*aTemperature*/) override {}
     void magnetReadyChanged(bool aReady) override;
@@ -56,7 +53,6 @@ private:
     template <typename Status>
     void push(char const* aName, char const* aWords, Status aStatus);
 
-    TemperatureInterface& mTemperature;
     EventQueue& mQueue;
 };
 
