@@ -2,7 +2,10 @@
 // The device records of a new simulated instrument.
 #pragma once
 
+#include "simulator/boards/FlowBox.h"
+
 #include <array>
+#include <string>
 #include <string_view>
 
 namespace libfieldwarden::sim {
@@ -13,8 +16,8 @@ struct DeviceRecord {
     std::string_view text;
 };
 
-/// What a simulated instrument's folder of device records holds at first: main record, magnet, shim system,
-/// and a variable temperature unit with three flows. In each group the first two values are its number and
+/// What a simulated instrument's folder of device records holds at first, beside the record of its variable
+/// temperature unit: main record, magnet, shim system. In each group the first two values are its number and
 /// its version.
 inline constexpr std::array kDeviceRecords{
     DeviceRecord{"main.mds", R"(<?xml version="1.0"?>
@@ -33,14 +36,25 @@ inline constexpr std::array kDeviceRecords{
   <group name="ShimSystem"><value>1</value><value>1</value><value>WMXS1A</value></group>
 </record>
 )"},
-    DeviceRecord{"vtu.mds", R"(<?xml version="1.0"?>
+};
+
+/// The variable temperature unit's record, "vtu.mds".
+/// @param aGeneration  Of the flow box; a prototype's record does not name it.
+inline std::string vtuRecord(FlowBox::Generation aGeneration) {
+    std::string record = R"(<?xml version="1.0"?>
 <record>
-  <group name="TemperatureRange"><value>1</value><value>1</value><value>283.15</value><value>353.15</value></group>
+)";
+    if (aGeneration != FlowBox::Generation::Prototype) {
+        record += R"(  <group name="FlowController"><value>1</value><value>1</value></group>
+)";
+    }
+    return record +
+           R"(  <group name="TemperatureRange"><value>1</value><value>1</value><value>283.15</value><value>353.15</value></group>
   <group name="FlowForTemperature"><value>1</value><value>1</value><value>283.15</value><value>313.15</value><value>200</value></group>
   <group name="FlowForTemperature"><value>2</value><value>1</value><value>313.15</value><value>333.15</value><value>300</value></group>
   <group name="FlowForTemperature"><value>3</value><value>1</value><value>333.15</value><value>353.15</value><value>400</value></group>
 </record>
-)"},
-};
+)";
+}
 
 } // namespace libfieldwarden::sim

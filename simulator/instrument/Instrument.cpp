@@ -57,7 +57,7 @@ Instrument::Instrument(Options const& aOptions)
     , mCanBus(std::make_unique<velmor::kepla::canopen::InProcessBus>(
           velmor::kepla::canopen::InProcessBusSettings{}, *mClock)) {
     makeFolders();
-    writeFiles();
+    writeFiles(aOptions.flowBox.generation);
     switchBoardsOn(aOptions);
     wireMagnet();
 }
@@ -70,10 +70,11 @@ void Instrument::makeFolders() const {
     }
 }
 
-void Instrument::writeFiles() const {
+void Instrument::writeFiles(FlowBox::Generation aFlowBox) const {
     for (DeviceRecord const& record : kDeviceRecords) {
         writeUnlessThere(mFolders.deviceIds / record.file, record.text);
     }
+    writeUnlessThere(mFolders.deviceIds / "vtu.mds", vtuRecord(aFlowBox));
     struct Delivery {
         std::span<EmbeddedFile const> files;
         std::filesystem::path folder;

@@ -83,7 +83,7 @@ public:
 
 private:
     void makeFolders() const;
-    void writeFiles() const;
+    void writeFiles(FlowBox::Generation aFlowBox) const;
     void switchBoardsOn(Options const& aOptions);
     void wireMagnet() const;
 
