@@ -119,23 +119,20 @@ class Flows(WithInstrument):
 class Exchange(WithInstrument):
     QUICK = ('--lock', 'mock', '--time-scale', '10')
 
-    def give_the_flow_box_a_port_expander(self):
+    def test_a_prototype_is_refused_in_the_librarys_words(self):
         self.answer('at', 'flows', '-q', '--lock', 'mock')
         record = self.data / 'data/deviceids/vtu.mds'
-        record.write_text(record.read_text().replace('</record>', FLOW_CONTROLLER + '</record>'))
-
-    def test_a_prototype_is_refused_in_the_librarys_words(self):
+        self.assertIn(FLOW_CONTROLLER, record.read_text())
+        record.write_text(record.read_text().replace(FLOW_CONTROLLER, ''))
         self.assert_refused(1, 'not supported on this system', 'at', 'exchange', '--wait', '0', *self.QUICK)
 
     def test_it_takes_the_gas_down_and_brings_it_back(self):
-        self.give_the_flow_box_a_port_expander()
         document = self.document('at', 'exchange', '--wait', '0', *self.QUICK)
         self.assertEqual(list(document), ['schema', 'sampleInMagnet', 'preparedSeconds', 'completedSeconds'])
         self.assertTrue(document['sampleInMagnet'])
         self.assertFalse(self.document('at', 'exchange', '--wait', '0', '--no-sample', *self.QUICK)['sampleInMagnet'])
 
     def test_it_waits_for_enter(self):
-        self.give_the_flow_box_a_port_expander()
         process = start(*self.here('at', 'exchange', *self.QUICK), stdin=subprocess.PIPE)
         line = lines_until(process, lambda line: 'exchange the sample' in line)
         self.assertIn('then press Enter', line)
@@ -145,7 +142,6 @@ class Exchange(WithInstrument):
         self.assertIn('the exchange is done', out)
 
     def test_ctrl_c_completes_the_exchange(self):
-        self.give_the_flow_box_a_port_expander()
         process = start(*self.here('at', 'exchange', *self.QUICK), stdin=subprocess.PIPE)
         lines_until(process, lambda line: 'exchange the sample' in line)
         process.send_signal(signal.SIGINT)
