@@ -37,6 +37,13 @@ constexpr Clock::Duration kLinkRetry = std::chrono::milliseconds(100);
 /// Longest single wait for a frame where nothing else is due.
 constexpr Clock::Duration kLongWait = std::chrono::hours(1);
 
+/// The settings as the process's clock needs them: a simulated board has only the machine's time for an
+/// answer.
+SdoClientSettings patient(SdoClientSettings aSettings) {
+    aSettings.responseTimeout = Clock::current().patience(aSettings.responseTimeout);
+    return aSettings;
+}
+
 } // namespace
 
 /// Somebody who sleeps until another one has received his frame.
@@ -144,7 +151,7 @@ CanOpenMaster::CanOpenMaster(std::unique_ptr<CanChannel> aChannel,
     : Logger("CanOpenMaster", "CANopen")
     , mChannel(std::move(aChannel))
     , mNodeId(aNodeId)
-    , mSettings(aSettings)
+    , mSettings(patient(aSettings))
     , mClock(Clock::current())
     , mNodes([this] {
         std::vector<std::unique_ptr<Node>> nodes(kNodes + 1);

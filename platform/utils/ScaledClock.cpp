@@ -2,6 +2,7 @@
 // Waits of the scaled clock are real waits of the scaled length.
 #include <velmor/platform/ScaledClock.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -52,6 +53,11 @@ std::cv_status ScaledClock::waitUntil(std::condition_variable& aCondition,
                                       TimePoint aDeadline) {
     TimePoint const realDeadline = Clock::real().now() + toReal(aDeadline - now());
     return Clock::real().waitUntil(aCondition, aLock, realDeadline);
+}
+
+Clock::Duration ScaledClock::patience(Duration aDuration) const noexcept {
+    constexpr auto kLeastReal = std::chrono::milliseconds(250);
+    return std::max(aDuration, times(kLeastReal, mScale));
 }
 
 } // namespace velmor::platform

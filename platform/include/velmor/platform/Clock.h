@@ -53,6 +53,11 @@ public:
                                      std::unique_lock<std::mutex>& aLock,
                                      TimePoint aDeadline) = 0;
 
+    /// @param aDuration  How long one would wait for the answer of somebody who needs real time for it.
+    /// @return How long to wait on this clock: longer where the other one could not answer in time, as on a
+    ///         clock that runs faster than the machine's.
+    virtual Duration patience(Duration aDuration) const noexcept { return aDuration; }
+
     /// Waits until a condition holds, at most for a time.
     /// @param aDuration   The longest wait.
     /// @param aPredicate  The condition; called with the lock held.

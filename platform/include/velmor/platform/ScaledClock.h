@@ -19,6 +19,8 @@ public:
     std::cv_status waitUntil(std::condition_variable& aCondition,
                              std::unique_lock<std::mutex>& aLock,
                              TimePoint aDeadline) override;
+    /// @return At least a quarter of a second of real time: who answers is not faster than the machine.
+    Duration patience(Duration aDuration) const noexcept override;
 
 private:
     Duration elapsed() const noexcept;

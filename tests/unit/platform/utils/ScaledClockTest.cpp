@@ -34,6 +34,15 @@ TEST(ScaledClock, EndsAWaitAtItsOwnTime) {
     EXPECT_GE(clock.now() - start, 20s);
 }
 
+TEST(ScaledClock, IsPatientWithThoseWhoNeedRealTime) {
+    // A quarter of a second of real time is 25 s on a clock that is a hundred times as fast, 0.5 s on one
+    // that is twice as fast.
+    EXPECT_EQ(ScaledClock(100.0).patience(1s), 25s);
+    EXPECT_EQ(ScaledClock(2.0).patience(1s), 1s);
+    EXPECT_EQ(ScaledClock(0.5).patience(1s), 1s);
+    EXPECT_EQ(Clock::real().patience(1s), 1s);
+}
+
 TEST(ScaledClock, RefusesAScaleThatIsNoPositiveNumber) {
     EXPECT_THROW(ScaledClock(0.0), std::invalid_argument);
     EXPECT_THROW(ScaledClock(-1.0), std::invalid_argument);
