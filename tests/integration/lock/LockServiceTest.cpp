@@ -360,14 +360,14 @@ TEST_F(LockService, WarnsNearTheEndOfTheRangeAndTakesTheWarningBack) {
         GTEST_SKIP() << "takes more than a minute of simulated time, and this build has to take it in full";
     }
     open();
-    // Full scale is 4449 Hz of 1H: 800 Hz are 18 percent of it, 90 percent are 3204 Hz further on.
-    lock().setBasic1HFrequency(kMagnet1H - 800.0);
+    // Full scale is 4449 Hz of 1H: 2800 Hz are 63 percent of it, 90 percent are 1204 Hz further on.
+    lock().setBasic1HFrequency(kMagnet1H - 2800.0);
     ASSERT_TRUE(mHeard.await("state 1"));
     mHeard.forget();
-    auto const drift = [this](double aHertzPerSecond) { // as fast as the regulator can follow
+    auto const drift = [this](double aHertzPerSecond) { // the regulator can follow twice as much
         mInstrument->magnet()->setDrift(aHertzPerSecond, Clock::current().now());
     };
-    drift(20.0);
+    drift(10.0);
     ASSERT_TRUE(mHeard.await("warningsChanged"));
     drift(0.0);
     EXPECT_LT(h0(), -0.89 * kFullScale);
@@ -375,9 +375,9 @@ TEST_F(LockService, WarnsNearTheEndOfTheRangeAndTakesTheWarningBack) {
     EXPECT_EQ(lock().criticalWarnings(),
               "The lock field exceeds 90% of the maximum range.\n"
               "The system stability will degrade if the lock field reaches 100%.\n"
-              "To prevent this, please change the spectrometer frequency by +4 kHz, to 80.127 MHz.");
+              "To prevent this, please change the spectrometer frequency by +4 kHz, to 80.125 MHz.");
     mHeard.forget();
-    drift(-20.0);
+    drift(-10.0);
     ASSERT_TRUE(mHeard.await("warningsChanged"));
     EXPECT_GT(h0(), -0.86 * kFullScale);
     EXPECT_EQ(lock().criticalWarnings(), "");

@@ -284,7 +284,8 @@ TEST_F(ShimBoardsTest, AreAskedAgainWhenAnAnswerIsLost) {
 }
 
 TEST_F(ShimBoardsTest, NeverPassALateAnswerForThatOfAnotherObject) {
-    mNode1.faults().delayAnswers(1500ms); // The reader waits for 1 s.
+    mNode1.faults().delayAnswers(velmor::platform::Clock::current().patience(1s) +
+                                 500ms); // The reader waits for less.
     EXPECT_THROW(mObjects.readUInt8(0x3000, 0), SdoTimeoutError);
     mNode1.faults().clear();
     EXPECT_EQ(mObjects.readUInt8(0x3004, 1), 129);
