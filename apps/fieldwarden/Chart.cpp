@@ -92,8 +92,10 @@ std::string panelScript(Chart const& aChart, Panel const& aPanel, std::size_t aN
     for (Curve const& curve : aPanel.curves) {
         std::string const block = fmt::format("data{}_{}", aNumber, &curve - aPanel.curves.data());
         blocks += dataBlock(placesOf(aChart, curve), curve, block);
-        plots += fmt::format("{} ${} using 1:2 with lines linewidth 1.2 linecolor rgb '{}' title {}",
-                             plots.empty() ? "plot" : ",", block, curve.colour, quoted(curve.title));
+        // A line of a single point would not be seen.
+        char const* const style = curve.values.size() == 1 ? "points pointtype 7" : "lines linewidth 1.2";
+        plots += fmt::format("{} ${} using 1:2 with {} linecolor rgb '{}' title {}",
+                             plots.empty() ? "plot" : ",", block, style, curve.colour, quoted(curve.title));
     }
     auto const [least, greatest] = rangeOf(aPanel);
     auto const [first, last] = placeRange(aChart);

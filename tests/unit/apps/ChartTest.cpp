@@ -123,6 +123,7 @@ TEST(GnuplotScript, ShowsTimesOfDayAndNoMoreThanTheValuesSpan) {
     // 8 percent of 1 K above and below.
     EXPECT_THAT(script, HasSubstr("set yrange [297.92:299.08]"));
     EXPECT_THAT(script, HasSubstr("1795269600 298\n1795269610 299\nEOD"));
+    EXPECT_THAT(script, AllOf(HasSubstr("with lines linewidth 1.2"), HasSubstr("with points"))); // b has one.
 }
 
 TEST(GnuplotScript, ShowsDatesWhereThereIsMoreThanADay) {
