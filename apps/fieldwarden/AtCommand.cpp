@@ -68,7 +68,7 @@ void waitForUser(StopSignal const& aStop, std::optional<double> aSeconds) {
         if (aSeconds) {
             left = *aSeconds - std::chrono::duration<double>(RealTime::now() - begin).count();
             if (left <= 0.0) {
-                return;
+                break;
             }
         }
         // Whoever gave a time is not asked for Enter: a negative descriptor is passed over.
@@ -78,10 +78,13 @@ void waitForUser(StopSignal const& aStop, std::optional<double> aSeconds) {
         poll(watched.data(), watched.size(),
              static_cast<int>(std::ceil(std::min(left, kLongestPoll) * kMillisecondsPerSecond)));
         if (watched[1].revents != 0 && takeInput()) {
-            return;
+            break;
         }
     }
-    complain(aStop.name() + ", completing the exchange");
+    // Also where the signal came together with the end of the input.
+    if (!aStop.name().empty()) {
+        complain(aStop.name() + ", completing the exchange");
+    }
 }
 
 } // namespace

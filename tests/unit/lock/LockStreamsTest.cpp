@@ -641,6 +641,7 @@ protected:
         mDelivered += aRecords;
         EXPECT_TRUE(eventually(
             [this] { return mLog.count(Severity::Trace, "pidStreamThread: got data") == mDelivered; }));
+        awaitAllThreads(); // The words come before the work.
     }
     void deliverUntilLocked() {
         deliver(50);
