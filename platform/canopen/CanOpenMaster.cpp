@@ -3,6 +3,7 @@
 #include <velmor/kepla/canopen/CanOpenMaster.h>
 
 #include <velmor/kepla/canopen/EmergencyMessage.h>
+#include <velmor/kepla/canopen/SdoError.h>
 #include <velmor/kepla/utils/ThreadName.h>
 #include <velmor/platform/Backend.h>
 
@@ -137,7 +138,8 @@ struct CanOpenMaster::Node final : SdoFrameSink {
     GuardToggle guardToggle;
     Clock::Duration heartbeatTime{};
     Clock::TimePoint heartbeatDue;
-    bool silent = false; ///< The heartbeat is missing, which has been told.
+    bool silent = false;     ///< The heartbeat is missing, which has been told.
+    bool unanswered = false; ///< A transfer got no answer, and nothing was heard since.
 };
 
 std::shared_ptr<CanOpenMaster> CanOpenMaster::make(std::string const& aInterface, unsigned char aNodeId) {
@@ -219,6 +221,9 @@ std::span<std::uint8_t const> CanOpenMaster::Turn::upload(SdoObject aObject,
                                                           SdoMode aMode) {
     SdoClientCore& sdo = *mNode.sdo;
     for (int attempt = 0; attempt < 2; ++attempt) {
+        if (mMaster.givesUp(mNode)) {
+            throw SdoTimeoutError(mNode.sdo->node(), aObject, "it left another request without an answer");
+        }
         sdo.startUpload(aObject, aLimit, mMaster.mClock.now(), aMode);
         run();
         if (sdo.result().outcome != SdoOutcome::TimedOut) {
@@ -255,6 +260,7 @@ void CanOpenMaster::Turn::run(Progress const& aProgress) {
                 sdo.onFrame(*frame, mMaster.mClock.now());
             } else {
                 sdo.onTime(mMaster.mClock.now());
+                noteTimeOut();
             }
             if (aProgress) {
                 aProgress(mNode.framesSent * kSegmentBytes);
@@ -270,12 +276,30 @@ void CanOpenMaster::Turn::run(Progress const& aProgress) {
     }
 }
 
+/// Keeps that the node has not answered, where its time was up.
+void CanOpenMaster::Turn::noteTimeOut() {
+    if (mNode.sdo->result().outcome == SdoOutcome::TimedOut) {
+        std::lock_guard const lock(mMaster.mMutex);
+        mNode.unanswered = true;
+    }
+}
+
 std::optional<CanFrame> CanOpenMaster::Turn::receive(Clock::TimePoint aDeadline) {
     Lock lock(mMaster.mMutex);
     if (!mMaster.await(lock, mNode.waiter, aDeadline, [this] { return !mNode.inbox->empty(); })) {
         return std::nullopt;
     }
     return mNode.inbox->pop();
+}
+
+bool CanOpenMaster::givesUp(Node const& aNode) const {
+    std::lock_guard const lock(mMutex);
+    return mHasty && aNode.unanswered;
+}
+
+void CanOpenMaster::hasten() {
+    std::lock_guard const lock(mMutex);
+    mHasty = true;
 }
 
 void CanOpenMaster::send(CanFrame const& aFrame) {
@@ -406,7 +430,11 @@ void CanOpenMaster::dispatch(CanFrame const& aFrame) {
         }
         return;
     }
-    switch (aFrame.id & ~kNodeMask) {
+    std::uint32_t const function = aFrame.id & ~kNodeMask;
+    if (function == kSdoAnswer || function == kErrorControl || function == kEmergency) {
+        mNodes[aFrame.id & kNodeMask]->unanswered = false;
+    }
+    switch (function) {
         case kSdoAnswer:
             return dispatchAnswer(aFrame);
         case kErrorControl:

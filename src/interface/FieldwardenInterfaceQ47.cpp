@@ -106,6 +106,8 @@ FieldwardenInterfaceQ47::FieldwardenInterfaceQ47(std::string aCanIfc,
 
 FieldwardenInterfaceQ47::~FieldwardenInterfaceQ47() {
     keplaDoLog(Severity::Debug, "FieldwardenInterfaceQ47 destructor", {});
+    // A dump or a poll under way is waited for; of a silent board it would read on for minutes.
+    mCanOpenMaster->hasten();
 }
 
 void FieldwardenInterfaceQ47::LockTaker::operator()(TemperatureHardwareQ47* aTemperature) const {

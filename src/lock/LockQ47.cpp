@@ -88,14 +88,17 @@ LockQ47::LockQ47(std::shared_ptr<LockHardwareInterface> aHardware,
     , mFSM(
           std::make_shared<LockFSM>(mHardware, mHelper, mParameters, mListener, mStreams, mShim, aStartNow)) {
     mStreams->setInternalNotifier(mFSM);
+    mNotifying.reset(mStreams.get());
     initializeDataLogger(*aDataLogger);
 }
 
 LockQ47::~LockQ47() {
     // A dump that waits for the hardware would hold up the running step of a start.
     mStreams->requestEnd();
-    // The streams know the state machine and the machine knows the streams: the ring is opened here.
-    mStreams->setInternalNotifier(nullptr);
+}
+
+void LockQ47::NotifierTaker::operator()(LockStreams* aStreams) const {
+    aStreams->setInternalNotifier(nullptr);
 }
 
 void LockQ47::initializeDataLogger(DataLoggerInterface& aDataLogger) {

@@ -157,6 +157,11 @@ public:
 private:
     void initializeDataLogger(velmor::kepla::datalogger::DataLoggerInterface& aDataLogger);
 
+    /// Takes the state machine away from the streams.
+    struct NotifierTaker {
+        void operator()(LockStreams* aStreams) const;
+    };
+
     std::mutex mParameterSetMutex;
     bool mInParameterSet = false;
     std::shared_ptr<LockListenerSync> mListener;
@@ -183,4 +188,8 @@ private:
     std::atomic<int> mLockSubstance{1};
     std::shared_ptr<velmor::kepla::datalogger::DataLoggerChannelIfc> mChannelEnabled;
     std::shared_ptr<velmor::kepla::datalogger::DataLoggerChannelIfc> mChannelPidSetIndex;
+    /// The streams that tell the state machine; owns nothing. The machine holds the streams, too: without
+    /// this the two would keep each other for good. Last, so that the ring is open before anything goes, also
+    /// where the service fails on its way up.
+    std::unique_ptr<LockStreams, NotifierTaker> mNotifying;
 };

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,12 +34,17 @@ public:
 
     std::shared_ptr<velmor::kepla::datalogger::DataLoggerChannelIfc> createChannel(
         Info const& aInfo) override {
+        if (aInfo.name() == refused) {
+            throw std::runtime_error("no channel " + refused);
+        }
         auto channel = std::make_shared<Channel>();
         std::lock_guard const lock(mMutex);
         mInfos.push_back(aInfo);
         mChannels[aInfo.name()] = channel;
         return channel;
     }
+
+    std::string refused; ///< Name of the channel that cannot be made; set before it is asked for.
 
     /// The descriptions of all channels, in the order of their making.
     std::vector<Info> infos() {

@@ -25,6 +25,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -130,6 +131,16 @@ protected:
     Heard mHeard;
     std::unique_ptr<LockQ47> mLock;
 };
+
+TEST_F(LockQ47Test, LeavesNothingBehindWhenItFailsOnItsWayUp) {
+    mLock.reset();
+    mDataLogger->refused = "lock/enabled"; // The first channel that is made behind the state machine.
+    std::weak_ptr<FakeLockHardware> const hardware = mHardware;
+    EXPECT_THROW(LockQ47(std::exchange(mHardware, nullptr), mParameters, mNeighbours, mNeighbours,
+                         mNeighbours, mDataLogger, std::make_shared<FakePeriodicCallers>(), true),
+                 std::runtime_error);
+    EXPECT_TRUE(hardware.expired()) << "the machine and the streams keep each other";
+}
 
 TEST_F(LockQ47Test, AnswersTheFixedValues) {
     EXPECT_EQ(mLock->getMagnetField(), 3.1415F);

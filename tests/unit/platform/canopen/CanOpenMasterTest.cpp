@@ -271,6 +271,35 @@ TEST_F(MasterTest, IsUsableAfterATimeOutAndHandsNoLateAnswerToTheNextRequest) {
     EXPECT_EQ(client.readUInt32(0x3000, 1), 111U);
 }
 
+TEST_F(MasterTest, WaitsOnceForASilentNodeOnItsWayDown) {
+    node.set32({0x3000, 1}, 1);
+    node.set32({0x3000, 2}, 2);
+    node.set8({0x4000, 1}, 0);
+    node.set32({0x1000, 0}, 0);
+    node.set8({0x1001, 0}, 0);
+    node.setDeaf(true);
+    master->hasten();
+    auto first = std::async(std::launch::async, [&] { return client.readUInt32(0x3000, 1); });
+    node.awaitRequests(1);
+    clock->advance(1s); // Its time is up, and it is not asked once more.
+    EXPECT_STREQ(errorOf<SdoTimeoutError>([&] { first.get(); }).what(),
+                 "node 8, object 0x3000:01: it left another request without an answer");
+    // The clock stands: these must not wait.
+    for (std::uint8_t subindex = 1; subindex <= 200; ++subindex) {
+        EXPECT_THROW(client.readUInt32(0x3000, subindex), SdoTimeoutError);
+    }
+    node.setDeaf(false);
+    client.writeUInt8(0x4000, 1, 0); // A write is tried, and its answer is a sign of life.
+    EXPECT_EQ(client.readUInt32(0x3000, 2), 2U);
+}
+
+TEST_F(MasterTest, ReadsOnOnItsWayDownWhatAnswers) {
+    node.set32({0x3000, 1}, 42);
+    master->hasten();
+    EXPECT_EQ(client.readUInt32(0x3000, 1), 42U);
+    EXPECT_EQ(client.readUInt32(0x3000, 1), 42U);
+}
+
 // ----- several at a time
 
 TEST_F(MasterTest, ServesManyThreadsAndNodesAtTheSameTime) {

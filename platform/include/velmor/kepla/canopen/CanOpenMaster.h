@@ -101,12 +101,18 @@ public:
 
     private:
         void run(Progress const& aProgress = {});
+        void noteTimeOut();
         std::optional<CanFrame> receive(velmor::platform::Clock::TimePoint aDeadline);
 
         CanOpenMaster& mMaster;
         Node& mNode;
         std::unique_lock<std::mutex> mExclusive;
     };
+
+    /// For an owner on its way down, that no silent board may hold up for minutes: from now on what is to be
+    /// read of a node that left a transfer without an answer fails at once with an SdoTimeoutError, until
+    /// something is heard of the node again. Writes are tried all the same, each for its time.
+    void hasten();
 
     /// Sends a command of network management. Nodes do not acknowledge it.
     /// @param aNode  The node, 1 to 127; 0 for all.
@@ -146,6 +152,7 @@ private:
     using TimePoint = velmor::platform::Clock::TimePoint;
 
     Node& node(unsigned char aNode) const;
+    bool givesUp(Node const& aNode) const;
     void send(CanFrame const& aFrame);
     template <typename Done>
     bool await(Lock& aLock, Waiter& aWaiter, TimePoint aDeadline, Done aDone);
@@ -170,6 +177,7 @@ private:
     mutable std::mutex mMutex; ///< Guards all below and what the nodes hold; never held while receiving.
     bool mReceiving = false;   ///< Somebody is in the channel's receive().
     bool mLinkDown = false;
+    bool mHasty = false;          ///< Silent nodes are not waited for again.
     unsigned mActive = 0;         ///< Turns and waits under way.
     std::uint64_t mTurns = 0;     ///< Turns and waits begun so far.
     std::uint64_t mTurnsSeen = 0; ///< That number when the thread last looked.
