@@ -10,6 +10,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
@@ -57,14 +58,31 @@ std::string atLine(xmlNode const* aNode) {
     return " at line " + std::to_string(xmlGetLineNo(aNode));
 }
 
+/// Ends the parser at a document type declaration, before anything in it is read: entities and default
+/// attributes make a small text grow without bounds.
+void stopAtDeclaration(void* aContext,
+                       xmlChar const* /*aName*/,
+                       xmlChar const* /*aPublicId*/,
+                       xmlChar const* /*aSystemId*/) {
+    auto* const context = static_cast<xmlParserCtxt*>(aContext);
+    *static_cast<int*>(context->_private) = xmlSAX2GetLineNumber(context);
+    xmlStopParser(context);
+}
+
 Document parseDocument(std::string const& aText) {
     Context const context(xmlNewParserCtxt());
     if (context == nullptr) {
         throw std::bad_alloc();
     }
-    // No entity is expanded and nothing is fetched: a record comes from a board, which may be damaged.
+    int declarationLine = 0;
+    context->_private = &declarationLine;
+    context->sax->internalSubset = &stopAtDeclaration;
+    // Nothing is fetched or made to grow: a record comes from a board, which may be damaged.
     Document document(xmlCtxtReadMemory(context.get(), aText.data(), static_cast<int>(aText.size()), nullptr,
                                         nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+    if (declarationLine != 0) {
+        refuse("line " + std::to_string(declarationLine) + ": it has a document type declaration");
+    }
     if (document == nullptr || context->wellFormed == 0) {
         xmlError const* const error = xmlCtxtGetLastError(context.get());
         if (error == nullptr || error->message == nullptr) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -93,12 +94,74 @@ TEST(Mds, RefusesARecordThatIsTooLong) {
         ThrowsMessage<std::invalid_argument>("Malformed record: it has 1048577 bytes, more than 1 MiB"));
 }
 
-TEST(Mds, ExpandsNoEntities) {
-    std::string const bomb =
-        "<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">"
-        "<!ENTITY f SYSTEM \"file:///etc/passwd\">]>"
-        "<record><group name='g'><value>&f;</value></group></record>";
-    EXPECT_EQ(Mds::parse(bomb).groups().getByName("g").at(0).asString(0), "");
+TEST(Mds, RefusesADocumentTypeDeclarationAndNamesTheLine) {
+    EXPECT_THAT(
+        [] { Mds::parse("<?xml version='1.0'?>\n<!DOCTYPE record>\n<record/>"); },
+        ThrowsMessage<std::invalid_argument>("Malformed record: line 2: it has a document type declaration"));
+}
+
+TEST(Mds, RefusesEntitiesInValuesAndAttributes) {
+    auto const refused = [](std::string const& aGroup) {
+        EXPECT_THAT(
+            [&] {
+                Mds::parse(
+                    "<!DOCTYPE record [<!ENTITY a \"aaaa\"><!ENTITY b \"&a;&a;&a;&a;\">"
+                    "<!ENTITY f SYSTEM \"file:///etc/passwd\">]><record>" +
+                    aGroup + "</record>");
+            },
+            ThrowsMessage<std::invalid_argument>(
+                "Malformed record: line 1: it has a document type declaration"))
+            << aGroup;
+    };
+    refused("<group name='g'><value>&a;</value></group>");
+    refused("<group name='g'><value>&b;</value></group>");
+    refused("<group name='g'><value>&f;</value></group>");
+    refused("<group name='&a;'/>");
+    EXPECT_THAT([] { (void)groupOf("&a;"); }, // and without a declaration there are none
+                ThrowsMessage<std::invalid_argument>(HasSubstr("Entity 'a' not defined")));
+}
+
+TEST(Mds, TakesTheCharactersThatXmlItselfEscapes) {
+    EXPECT_EQ(groupOf("&lt;&amp;&#65;&gt;").asString(0), "<&A>");
+}
+
+/// The most memory that this process ever had, in bytes.
+long peakMemory() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss * 1024;
+}
+
+std::string repeated(std::string const& aText, std::size_t aTimes) {
+    std::string all;
+    for (std::size_t i = 0; i < aTimes; ++i) {
+        all += aText;
+    }
+    return all;
+}
+
+TEST(Mds, RefusesASmallTextThatWouldGrowWithoutBounds) {
+    struct {
+        char const* what;
+        std::string declaration;
+        std::string content;
+    } const texts[] = {
+        // 80 kB for 10,000 references to 50,000 bytes: 500 MB
+        {"a long entity, named often", "<!ENTITY a '" + repeated("a", 50'000) + "'>",
+         "<group name='g'><value>" + repeated("&a;", 10'000) + "</value></group>"},
+        // 98 kB for 6,000 groups with an attribute of 50,000 bytes: 300 MB
+        {"a long default, taken often", "<!ATTLIST group a CDATA '" + repeated("a", 50'000) + "'>",
+         repeated("<group/>", 6'000)},
+    };
+    for (auto const& [what, declaration, content] : texts) {
+        SCOPED_TRACE(what);
+        auto const before = peakMemory();
+        EXPECT_THAT(
+            [&] { Mds::parse("<!DOCTYPE record [" + declaration + "]><record>" + content + "</record>"); },
+            ThrowsMessage<std::invalid_argument>(
+                "Malformed record: line 1: it has a document type declaration"));
+        EXPECT_LT(peakMemory() - before, 10'000'000) << "bytes";
+    }
 }
 
 } // namespace

@@ -71,9 +71,9 @@ private:
 class Mds {
 public:
     /// @param aText  The record's text, at most 1 MiB.
-    /// @throws std::invalid_argument  when it is too long, is not well-formed XML, is not a "record", or has
-    /// a group
-    ///                                without a name; the words name the line.
+    /// @throws std::invalid_argument  when it is too long, is not well-formed XML, has a document type
+    ///                                declaration, is not a "record", or has a group without a name; the
+    ///                                words name the line.
     static Mds parse(std::string const& aText);
 
     /// @return The record's groups.
