@@ -13,6 +13,7 @@
 #include "apps/fieldwarden/TemperatureCommand.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
+#include <velmor/platform/ScaledClock.h>
 #include <velmor/platform/Version.h>
 
 #include <csignal>
@@ -100,8 +101,10 @@ private:
                 std::map<std::string, LockKind>{{"mock", LockKind::Mock}, {"real", LockKind::Real}})))
             ->type_name("mock|real");
         aCommand
-            .add_option("--time-scale", aOptions.timeScale, "Simulated seconds in a real second (default 1)")
+            .add_option("--time-scale", aOptions.timeScale,
+                        "Simulated seconds in a real second, at most 10000 (default 1)")
             ->check(quiet(CLI::PositiveNumber))
+            ->check(quiet(CLI::Range(0.0, velmor::platform::ScaledClock::kLargestScale)))
             ->type_name("N");
         aCommand
             .add_option("--data", aOptions.dataDirectory,

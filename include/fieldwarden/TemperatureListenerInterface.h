@@ -10,9 +10,11 @@
 
 /// Implemented by the daemon, called by the temperature service. Calls come from whichever thread learned the
 /// news: the periodic worker, the state machine of the probe regulation, or a caller of TemperatureInterface.
-/// No lock is held, so a callback may call back into the service, and two callbacks may run at once. A call
-/// that is already under way may end after TemperatureInterface::removeListener() has returned. The order of
-/// the operations is fixed.
+/// Two callbacks may run at once. A callback may ask the service's getters. What it must not do is to set what
+/// it is told of: the news of the target comes while the probe's regulation is locked, that of gas, flow and
+/// stability while the flow controller is, and a setter of targets, ranges, regulation, gas or sample exchange
+/// would wait for itself for ever. A call that is already under way may end after
+/// TemperatureInterface::removeListener() has returned. The order of the operations is fixed.
 class FIELDWARDEN_API TemperatureListenerInterface {
 public:
     virtual ~TemperatureListenerInterface() = default;

@@ -136,11 +136,13 @@ PeriodicCallerManager::~PeriodicCallerManager() {
 
 std::unique_ptr<PeriodicCallerIfc> PeriodicCallerManager::createPeriodicCaller(
     double aPeriodSeconds, std::function<void()> aCallback) {
-    auto const period =
-        std::chrono::duration_cast<Clock::Duration>(std::chrono::duration<double>(aPeriodSeconds));
-    if (!(aPeriodSeconds > 0.0) || period <= Clock::Duration::zero()) {
+    // Asked before the conversion, which knows nothing of infinities.
+    constexpr double kLongest = 1e9;
+    if (!(aPeriodSeconds >= 1e-9)) {
         throw std::invalid_argument("A periodic call needs a period above 0 s");
     }
+    auto const period = std::chrono::duration_cast<Clock::Duration>(
+        std::chrono::duration<double>(std::min(aPeriodSeconds, kLongest)));
     if (!aCallback) {
         throw std::invalid_argument("A periodic call needs something to call");
     }

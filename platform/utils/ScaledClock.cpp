@@ -3,7 +3,6 @@
 #include <velmor/platform/ScaledClock.h>
 
 #include <algorithm>
-#include <cmath>
 #include <stdexcept>
 
 namespace velmor::platform {
@@ -22,8 +21,8 @@ ScaledClock::ScaledClock(double aScale)
     : mScale(aScale)
     , mStart(Clock::real().now())
     , mSystemStart(Clock::real().systemNow()) {
-    if (!std::isfinite(aScale) || aScale <= 0.0) {
-        throw std::invalid_argument("The time scale must be a positive number");
+    if (!(aScale > 0.0 && aScale <= kLargestScale)) {
+        throw std::invalid_argument("The time scale must be a positive number, at most 10000");
     }
 }
 

@@ -5,10 +5,26 @@
 #include <array>
 #include <cstddef>
 #include <fstream>
+#include <ios>
+#include <system_error>
 
 namespace velmor::kepla::utils {
 
+namespace {
+
+[[noreturn]] void fail(std::filesystem::path const& aPath, char const* aWhy) {
+    throw std::ios_base::failure("'" + aPath.string() + "' " + aWhy,
+                                 std::make_error_code(std::errc::invalid_argument));
+}
+
+} // namespace
+
 std::string readWholeFile(std::filesystem::path const& aPath) {
+    std::error_code ignored;
+    auto const type = std::filesystem::status(aPath, ignored).type();
+    if (type == std::filesystem::file_type::fifo || type == std::filesystem::file_type::character) {
+        fail(aPath, "is no regular file"); // Its end might never come.
+    }
     std::ifstream file(aPath, std::ios::binary);
     std::string text;
     if (!file) {
@@ -17,6 +33,9 @@ std::string readWholeFile(std::filesystem::path const& aPath) {
     file.exceptions(std::ios::badbit);
     std::array<char, std::size_t{64} * 1024> piece{};
     while (file.read(piece.data(), piece.size()), file.gcount() > 0) {
+        if (text.size() + static_cast<std::size_t>(file.gcount()) > kWholeFileLimit) {
+            fail(aPath, "is too large");
+        }
         text.append(piece.data(), static_cast<std::size_t>(file.gcount()));
     }
     return text;

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace libfieldwarden::sim {
@@ -24,10 +25,17 @@ void writeUnlessThere(std::filesystem::path const& aPath, std::string_view aByte
     if (std::filesystem::exists(aPath)) {
         return;
     }
-    std::ofstream file(aPath, std::ios::binary);
+    // Under another name first: what a full disk leaves of it would be taken for whole in the next run.
+    std::filesystem::path const unfinished = aPath.string() + ".unfinished";
+    std::ofstream file(unfinished, std::ios::binary);
     file << aBytes;
     file.close();
-    if (!file) {
+    std::error_code failure;
+    if (file) {
+        std::filesystem::rename(unfinished, aPath, failure);
+    }
+    if (!file || failure) {
+        std::filesystem::remove(unfinished, failure);
         throw std::runtime_error("Cannot write the simulated instrument's file '" + aPath.string() + "'");
     }
 }

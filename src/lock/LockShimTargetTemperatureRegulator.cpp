@@ -9,6 +9,7 @@
 #include <velmor/kepla/datalogger/DataLoggerInterface.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <numeric>
 #include <utility>
@@ -192,6 +193,14 @@ void LockShimTargetTemperatureRegulator::moveTarget(TimePoint aNow) {
     double const output = doPID(mSetPoint, mAverage);
     push(mChannelOutput, output);
     double const target = mBaseTarget + feedForward() + output;
+    if (!std::isfinite(target)) { // Out of gains near the largest number: it must not reach the board.
+        keplaDoLog(Severity::Error, "The new shim target temperature would be %f: it stays at %fK", {},
+                   target, mCurrentTarget);
+        mIntegral = 0.0;
+        mPrevError = 0.0;
+        mLastTime = aNow;
+        return;
+    }
     push(mChannelTargetTemp, target);
     mShimTarget->setShimTargetTemperature(target);
     mCurrentTarget = target;

@@ -9,6 +9,7 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -25,6 +26,8 @@ using velmor::kepla::log::Severity;
 namespace {
 
 constexpr std::size_t kSize = 40;
+/// A file of more bytes is none of ours: a matrix with every entry has some hundred kilobytes.
+constexpr std::uintmax_t kMostBytes = std::uintmax_t{64} * 1024 * 1024;
 constexpr double kSmallest = std::numeric_limits<double>::epsilon();
 
 /// A number of the file as an index: 1 is 0. Anything else than 1 to 40 gives an index that uBLAS refuses.
@@ -121,8 +124,11 @@ std::string ShimMatrixTOSK::loadTextFile(std::string const& aPath) const {
     std::string text;
     try {
         if (std::filesystem::exists(aPath)) {
-            text.resize(
-                std::filesystem::file_size(aPath)); // throws for what is not a file, before it is opened
+            auto const size = std::filesystem::file_size(aPath); // Throws for what is no file.
+            if (size > kMostBytes) {
+                throw std::length_error("it has " + std::to_string(size) + " bytes");
+            }
+            text.resize(size);
         }
         file.open(aPath, std::ios::binary);
         if (file.is_open()) {

@@ -368,7 +368,7 @@ double TempBoardProxy::shimTemperature() const {
     double const measured = mBoard->shimTemperature();
     record(Signal::Shim, 0, measured);
     // The lock moves the target; that shall not show as a change of the coils' temperature.
-    double const corrected = measured + kNominalShimKelvin - shimTargetTemperature(1, false);
+    double const corrected = measured + kNominalShimKelvin - mBoard->shimTargetTemperature(1, false);
     mListener->coilTemperatureChanged(corrected);
     return corrected;
 }

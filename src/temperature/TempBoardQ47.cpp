@@ -369,6 +369,8 @@ unsigned char TempBoardQ47::probeGasFlow() {
 
 void TempBoardQ47::setProbeGasFlow(unsigned char aFlowIndex) {
     keplaDoLog(Severity::Debug, "setProbeGasFlow(flowIndex = %u)", {}, aFlowIndex);
+    // The value that is remembered must be the one that was written last, whoever else writes one.
+    std::lock_guard const lock(mFlowMutex);
     if (aFlowIndex == mFlowIndex) {
         return;
     }
@@ -416,6 +418,7 @@ void TempBoardQ47::afterPrepare() {
     keplaDoLog(Severity::Info, "afterPrepare: reading static values once from the board", {});
     mRegulatedRange.first = temperatureInt32(kProbeTargets, kRegulatedLower);
     mRegulatedRange.second = temperatureInt32(kProbeTargets, kRegulatedUpper);
+    std::lock_guard const lock(mFlowMutex);
     mFlowIndex = probeGasFlow();
 }
 

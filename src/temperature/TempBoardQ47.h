@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -172,5 +173,6 @@ private:
     std::atomic<int> mVTMode{kVTModeUnknown}; ///< A VTMode once it is known.
 
     std::pair<double, double> mRegulatedRange{0.0, 0.0}; ///< Lower and upper end in K.
-    std::atomic<unsigned char> mFlowIndex{0};
+    std::mutex mFlowMutex;                               ///< Around the write and what is remembered of it.
+    unsigned char mFlowIndex = 0;                        ///< What was written last.
 };

@@ -320,6 +320,21 @@ TEST_F(LockShimTargetTemperatureRegulatorTest, TakesTheWholeRangeOfTheDac) {
     EXPECT_THAT(mTarget->set, ElementsAre(DoubleNear(298.65, kTiny)));
 }
 
+TEST_F(LockShimTargetTemperatureRegulatorTest, KeepsTheTargetWhenItsGainsLeadToNoNumber) {
+    make("p = 0\ni = 1e306\nd = 0\n");
+    mRegulator->start();
+    sample(0);
+    sampleAfter11s(-1000); // 1000 * 1e306 * 11 is infinite: limited
+    EXPECT_THAT(mTarget->set, ElementsAre(DoubleNear(298.65, kTiny)));
+    sampleAfter11s(100'000); // mean 49500, error -49500: infinity less infinity
+    EXPECT_THAT(mTarget->set, testing::SizeIs(1));
+    EXPECT_TRUE(
+        mLog.has(Severity::Error, "The new shim target temperature would be -nan: it stays at 298.650000K") ||
+        mLog.has(Severity::Error, "The new shim target temperature would be nan: it stays at 298.650000K"));
+    sampleAfter11s(100'000); // The integral began afresh.
+    EXPECT_THAT(mTarget->set, ElementsAre(DoubleNear(298.65, kTiny), DoubleNear(297.65, kTiny)));
+}
+
 /// A clock that a test sets for every single look at it.
 class ScriptedClock final : public velmor::platform::Clock {
 public:

@@ -7,6 +7,9 @@
 #include "support/TemporaryDirectory.h"
 
 #include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <locale>
 #include <memory>
 #include <stdexcept>
@@ -436,6 +439,14 @@ TEST_F(ShimMatrixTOSKTest, RefusesAFolder) {
     EXPECT_EQ(lines[0].severity, Severity::Error);
     EXPECT_THAT(lines[0].text, testing::StartsWith("~loadTextFile(toskFilePath='" + folder +
                                                    "': failed to open file, exception = "));
+}
+
+TEST_F(ShimMatrixTOSKTest, RefusesAHugeFileWithoutReadingIt) {
+    std::string const huge = path() + ".huge";
+    std::ofstream(huge, std::ios::binary) << "E\n";
+    std::filesystem::resize_file(huge, std::uintmax_t{1} << 40U); // A hole of a TiB.
+    EXPECT_THAT([&] { ShimMatrixTOSK matrix(huge); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Could not open TOSK file '" + huge + "'")));
 }
 
 TEST_F(ShimMatrixTOSKTest, RefusesADeviceWithoutReadingFromIt) {

@@ -50,6 +50,13 @@ TEST_F(SimulatedInstrumentTest, LeavesRecordsThatAreThere) {
     EXPECT_EQ(readFile(instrument.folders().deviceIds / "vtu.mds"), "<record/>");
 }
 
+TEST_F(SimulatedInstrumentTest, LeavesNoHalfFileWhereItCannotWrite) {
+    // A folder stands where the file is to be written: as good as a full disk.
+    std::filesystem::create_directories(mDirectory.path() / "data/deviceids/vtu.mds.unfinished");
+    EXPECT_THROW(Instrument({.folder = mDirectory.path()}), std::runtime_error);
+    EXPECT_FALSE(std::filesystem::exists(mDirectory.path() / "data/deviceids/vtu.mds"));
+}
+
 TEST_F(SimulatedInstrumentTest, RefusesATimeScaleThatIsNoPositiveNumber) {
     EXPECT_THROW(Instrument({.folder = mDirectory.path(), .timeScale = 0.0}), std::invalid_argument);
 }

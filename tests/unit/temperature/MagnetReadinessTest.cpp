@@ -200,12 +200,13 @@ TEST_F(MagnetReadinessTest, ReadsTheBoardInItsOrder) {
     mLog.clear();
     poll(1);
     auto const calls = mBoard->takeCalls();
-    ASSERT_EQ(calls.size(), 23U + 9U); // the proxy's poll comes first
+    ASSERT_EQ(calls.size(), 23U + 10U); // the proxy's poll comes first
     EXPECT_EQ(std::vector<std::string>(calls.begin() + 23, calls.end()),
               (std::vector<std::string>{"magnetTemperatureSensor(1)", "magnetTemperatureSensor(2)",
                                         "magnetTemperatureSensor(3)", "magnetTemperatureSensor(4)",
                                         "magnetTemperatureSensor(5)", "magnetTemperatureSensor(6)",
-                                        "magnetTemperature()", "shimTemperature()", "isoBoxTemperature()"}));
+                                        "magnetTemperature()", "shimTemperature()",
+                                        "shimTargetTemperature(1, false)", "isoBoxTemperature()"}));
     auto const lines = mLog.linesOf("TemperatureHardwareQ47");
     EXPECT_EQ(lines.front(), (CapturedLine{Severity::Trace, "+readAndUpdateStability()", {}, {}}));
     EXPECT_EQ(lines.back(), (CapturedLine{Severity::Trace, "-readAndUpdateStability", {}, {}}));
@@ -237,7 +238,8 @@ TEST_F(MagnetReadinessTest, LosesOnlyTheSignalWhoseReadFails) {
         mLog.clear();
         poll(1);
         mBoard->mend(failure.call);
-        EXPECT_EQ(mBoard->takeCalls().size(), 32U);
+        // Without the coils' temperature their target is not asked for.
+        EXPECT_EQ(mBoard->takeCalls().size(), failure.call == "shimTemperature()" ? 32U : 33U);
         EXPECT_EQ(values(failure.channel).size(), before);
         EXPECT_EQ(values("temperatureBoard/magnet/stable").size(), judgements + 1);
         EXPECT_THAT(mLog.linesUpTo(Severity::Error),

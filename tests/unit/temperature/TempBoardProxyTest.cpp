@@ -383,10 +383,18 @@ TEST_F(TempBoardProxyTest, CorrectsTheShimTemperatureByItsTarget) {
 
 TEST_F(TempBoardProxyTest, ShowsNoChangeOfTheCoilsWhenTheLockMovesTheirTarget) {
     double const before = mProxy->shimTemperature();
-    mProxy->setShimTargetTemperature(1, 298.40);
+    mBoard->set("shimTargetTemperature(1, false)", 298.40);
     mBoard->set("shimTemperature", 298.40); // the coils have followed
     EXPECT_NEAR(mProxy->shimTemperature(), before, 1e-9);
     EXPECT_EQ(mHearer.heard.size(), 1U);
+}
+
+TEST_F(TempBoardProxyTest, AsksTheBoardForTheShimTargetEachTime) {
+    mProxy->setShimTargetTemperature(1, 298.40); // The board keeps whole thousandths of it, or restarts.
+    mBoard->set("shimTargetTemperature(1, false)", 298.15);
+    mBoard->takeCalls();
+    EXPECT_DOUBLE_EQ(mProxy->shimTemperature(), 298.15); // 298.15 + 298.15 - 298.15
+    EXPECT_THAT(mBoard->takeCalls(), ElementsAre("shimTemperature()", "shimTargetTemperature(1, false)"));
 }
 
 TEST_F(TempBoardProxyTest, KeepsTheRawShimTemperatureWhenItsTargetCannotBeRead) {

@@ -43,7 +43,8 @@ public:
     static std::shared_ptr<Backend> current();
 
     /// Puts a backend in the place of the instrument and makes its clock the process's clock. To be called
-    /// before the library is opened; what is open keeps the doors that it has.
+    /// before the library is opened, and not again until it is closed: what is open keeps the doors that it has,
+    /// but refers to the clock.
     /// @param aBackend  The backend; null for the instrument.
     static void use(std::shared_ptr<Backend> aBackend);
 

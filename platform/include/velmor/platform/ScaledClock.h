@@ -9,8 +9,11 @@ namespace velmor::platform {
 /// Runs faster or slower than the real clock from the moment it was made, at which both show the same time.
 class ScaledClock final : public Clock {
 public:
-    /// @param aScale  Clock seconds in a real second; above 0.
-    /// @throws std::invalid_argument  when the scale is not a positive number.
+    /// The largest scale: the calendar of a faster clock would run out within days.
+    static constexpr double kLargestScale = 1e4;
+
+    /// @param aScale  Clock seconds in a real second; above 0, at most kLargestScale.
+    /// @throws std::invalid_argument  when it is not.
     explicit ScaledClock(double aScale);
 
     TimePoint now() const noexcept override;

@@ -174,6 +174,8 @@ TEST_F(PeriodicCallerManagerTest, RefusesAPeriodThatIsNoPositiveNumberAndAnEmpty
     EXPECT_THROW(mManager->createPeriodicCaller(0.0, [] {}), std::invalid_argument);
     EXPECT_THROW(mManager->createPeriodicCaller(-1.0, [] {}), std::invalid_argument);
     EXPECT_THROW(mManager->createPeriodicCaller(std::nan(""), [] {}), std::invalid_argument);
+    EXPECT_THROW(mManager->createPeriodicCaller(1e-10, [] {}), std::invalid_argument);
+    EXPECT_NO_THROW(mManager->createPeriodicCaller(1e300, [] {}));
     EXPECT_THROW(mManager->createPeriodicCaller(1.0, {}), std::invalid_argument);
 }
 

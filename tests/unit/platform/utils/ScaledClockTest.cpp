@@ -47,6 +47,7 @@ TEST(ScaledClock, RefusesAScaleThatIsNoPositiveNumber) {
     EXPECT_THROW(ScaledClock(0.0), std::invalid_argument);
     EXPECT_THROW(ScaledClock(-1.0), std::invalid_argument);
     EXPECT_THROW(ScaledClock(std::nan("")), std::invalid_argument);
+    EXPECT_THROW(ScaledClock(10'001.0), std::invalid_argument); // Its calendar would run out.
 }
 
 } // namespace
