@@ -4,6 +4,7 @@
 
 #include <velmor/kepla/utils/ThreadName.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -23,6 +24,16 @@ constexpr std::chrono::seconds kLimit{30};
 
 /// How long a wait for data goes without a look at the stop flag.
 constexpr std::chrono::seconds kLook{1};
+
+/// The most that is kept of a packet, in bytes. Real ones have a few hundred KiB: a device that goes on
+/// beyond this is out of order, and would take the machine's memory until the time is up.
+constexpr std::size_t kLargestPacket = std::size_t{64} * 1024 * 1024;
+
+/// The device itself is out of order, so that asking it again at once would lead to nothing.
+class DeviceFailure : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 } // namespace
 
@@ -111,7 +122,8 @@ void LockStreamPacketReader::readerThread() {
         Clock::TimePoint const begin = mClock.now();
         bool const failed = !attempt(&LockStreamPacketReader::readAndProcess);
         if (failed && failedBefore) {
-            // A device that fails at once again and again is told of as often as one that is silent.
+            // A device that fails at once again and again is told of as often as one that is silent. Not so a
+            // packet that the callback does not like: the next one must not wait for that.
             restFor(begin + kLimit - mClock.now());
         }
         failedBefore = failed;
@@ -119,19 +131,21 @@ void LockStreamPacketReader::readerThread() {
     keplaDoLog(Severity::Trace, "leaving readerThread", {});
 }
 
-/// @return Whether the step went well; a failure has been logged.
+/// @return Whether the device has done its part; a failure, whose ever it was, has been logged.
 bool LockStreamPacketReader::attempt(void (LockStreamPacketReader::*aStep)()) noexcept {
     static constexpr char const* kFormat =
         "Exception occurred while reading/processing a packet. Exception was %s";
     try {
         (this->*aStep)();
-        return true;
+    } catch (DeviceFailure const& failure) {
+        keplaDoLog(Severity::Error, kFormat, {}, failure.what());
+        return false;
     } catch (std::exception const& failure) {
         keplaDoLog(Severity::Error, kFormat, {}, failure.what());
     } catch (...) {
         keplaDoLog(Severity::Error, kFormat, {}, "of an unknown type");
     }
-    return false;
+    return true;
 }
 
 void LockStreamPacketReader::readAndProcess() {
@@ -153,16 +167,23 @@ void LockStreamPacketReader::restFor(Clock::Duration aDuration) {
 
 // ---------------------------------------------------------------------------------------------- one packet
 
+/// Waits for the device, in the order of coming: else the thread that reads might have it again and again,
+/// and a flush wait for ever behind a device that never stops.
+std::unique_lock<std::mutex> LockStreamPacketReader::lockDevice() {
+    std::lock_guard const turn(mTurnMutex);
+    return std::unique_lock(mDeviceMutex);
+}
+
 /// @return The packet; null when the reader is to stop.
 std::unique_ptr<LockStreamPacketReader::Packet> LockStreamPacketReader::readSinglePrivate(
     std::chrono::seconds const& aTimeout) {
     // A byte more than expected, so that a packet of just that size leaves room for the read that says 0.
     auto packet = std::make_unique<Packet>(std::size_t{mInitialSize} + 1);
-    std::unique_lock lock(mDeviceMutex);
+    auto lock = lockDevice();
     if (mDevice->ioctl(kNextPacket, 0) < 0) {
         keplaDoLog(Severity::Error, "Failed to switch to next packet on file '%s' with error %d", {}, mPath,
                    errno);
-        throw std::runtime_error("Failed to switch to next packet");
+        throw DeviceFailure("Failed to switch to next packet");
     }
     Clock::TimePoint const begin = mClock.now();
     std::size_t filled = 0;
@@ -172,14 +193,15 @@ std::unique_ptr<LockStreamPacketReader::Packet> LockStreamPacketReader::readSing
             filled = 0; // What we had of the packet was stale: somebody flushed while we waited.
         }
         if (ranOut(begin, aTimeout)) {
-            keplaDoLog(Severity::Warning,
-                       "Timed out while reading packet, end of packet not reached. Read %lu bytes.", {},
-                       filled);
+            tellOfMissingEnd(filled);
             throw std::runtime_error("Failed to read data");
         }
         if (filled == packet->size()) {
-            keplaDoLog(Severity::Trace, "increased packet read buffer", {});
-            packet->resize(2 * packet->size());
+            if (filled >= kLargestPacket) { // ends like one that takes too long
+                tellOfMissingEnd(filled);
+                throw DeviceFailure("Failed to read data");
+            }
+            grow(*packet);
         }
         errno = 0;
         ssize_t const result = mDevice->read(packet->data() + filled, packet->size() - filled);
@@ -196,10 +218,22 @@ std::unique_ptr<LockStreamPacketReader::Packet> LockStreamPacketReader::readSing
             waitForData(lock, aTimeout);
         } else {
             keplaDoLog(Severity::Error, "read failed with %d", {}, error);
-            throw std::runtime_error("Error while reading data from input. Error " + std::to_string(error));
+            throw DeviceFailure("Error while reading data from input. Error " + std::to_string(error));
         }
     }
     return nullptr;
+}
+
+void LockStreamPacketReader::tellOfMissingEnd(std::size_t aFilled) const {
+    keplaDoLog(Severity::Warning,
+               "Timed out while reading packet, end of packet not reached. Read %lu bytes.", {}, aFilled);
+}
+
+void LockStreamPacketReader::grow(Packet& aPacket) const {
+    keplaDoLog(Severity::Trace, "increased packet read buffer", {});
+    std::size_t const size = std::min(2 * aPacket.size(), kLargestPacket);
+    aPacket.reserve(size); // A bare resize() may take more.
+    aPacket.resize(size);
 }
 
 bool LockStreamPacketReader::ranOut(Clock::TimePoint aBegin, std::chrono::seconds const& aLimit) const {
@@ -216,11 +250,15 @@ void LockStreamPacketReader::waitForData(std::unique_lock<std::mutex>& aDeviceLo
         gotIt = mDevice->waitReadable(kLook);
     }
     int const error = errno;
-    aDeviceLock.lock();
+    aDeviceLock = lockDevice();
     if (gotIt < 0) {
         keplaDoLog(Severity::Error, "~waitForData: select call failed on %s with errno is %d", {}, mPath,
                    error);
-        throw std::runtime_error("Cannot wait for data: waiting failed");
+        static constexpr char const* kWords = "Cannot wait for data: waiting failed";
+        if (error == EINTR) { // not the device's fault
+            throw std::runtime_error(kWords);
+        }
+        throw DeviceFailure(kWords);
     }
     keplaDoLog(Severity::Trace, "~waitForData: gotIt = %d", {}, gotIt);
 }
@@ -228,7 +266,7 @@ void LockStreamPacketReader::waitForData(std::unique_lock<std::mutex>& aDeviceLo
 // ------------------------------------------------------------------------------------------------- flushing
 
 void LockStreamPacketReader::flushPending() {
-    std::lock_guard const lock(mDeviceMutex);
+    auto const lock = lockDevice();
     ++mFlushes;
     keplaDoLog(Severity::Trace, "+flush", {});
     Clock::TimePoint const begin = mClock.now();

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <latch>
@@ -22,7 +23,12 @@
 ///
 /// Single mode: one thread at a time calls readSingle() and flush(). Background mode: a thread reads one
 /// packet after the other and hands each to the callback; flush() may be called from another thread and takes
-/// away a packet whole or not at all. The destructor ends a read that waits for data within a second.
+/// away a packet whole or not at all. A device that fails twice in a row is left alone for 30 s; whatever
+/// else goes wrong, the callback above all, is logged and the next packet read at once. The destructor ends
+/// all of this within a second.
+///
+/// A packet may have up to 64 MiB, a hundred times what the sequencer delivers: one without an end fails
+/// there.
 class LockStreamPacketReader : private virtual velmor::kepla::log::Logger {
 public:
     using Packet = std::vector<unsigned char>;
@@ -56,7 +62,8 @@ public:
     /// @param aTimeout  The longest time from now to the end of the packet.
     /// @return The packet; it may be empty.
     /// @throws std::logic_error    in background mode.
-    /// @throws std::runtime_error  when the time is up, the device fails, or requestStop() was called.
+    /// @throws std::runtime_error  when the time is up, the packet too large, the device fails, or
+    ///                             requestStop() was called.
     std::unique_ptr<Packet> readSingle(std::chrono::seconds const& aTimeout);
 
     /// Throws away all that is pending. In background mode any thread may call; it waits for the thread's own
@@ -78,6 +85,9 @@ private:
     void readAndProcess();
     void restFor(Clock::Duration aDuration);
     std::unique_ptr<Packet> readSinglePrivate(std::chrono::seconds const& aTimeout);
+    std::unique_lock<std::mutex> lockDevice();
+    void tellOfMissingEnd(std::size_t aFilled) const;
+    void grow(Packet& aPacket) const;
     bool ranOut(Clock::TimePoint aBegin, std::chrono::seconds const& aLimit) const;
     void waitForData(std::unique_lock<std::mutex>& aDeviceLock, std::chrono::seconds const& aTimeout);
     void flushPending();
@@ -95,6 +105,7 @@ private:
 
     /// Held while the device is read or flushed, but not while the next packet is waited for.
     std::mutex mDeviceMutex;
+    std::mutex mTurnMutex;        ///< Held by whoever is the next to have the one above.
     std::uint64_t mFlushes = 0;   ///< Tells a read that waited that its packet has been thrown away.
     std::latch mStaleDataGone{1}; ///< Down once the thread has flushed.
     std::thread mThread;

@@ -199,6 +199,25 @@ TEST_F(LockStreamPacketReaderTest, FailsAtOnceWhenThereIsNoTime) {
     EXPECT_THAT(mStream->journal(), ElementsAre("packet mode 1", "next packet"));
 }
 
+TEST_F(LockStreamPacketReaderTest, GivesAPacketUpThatHasMoreThan64MiB) {
+    auto reader = makeSingle(16);
+    // Were it not for the size, the time would be up after 25 reads.
+    mStream->deliverForEver([this] { mClock->advance(std::chrono::milliseconds(1200)); });
+    mLog.clear();
+    EXPECT_THAT([&] { reader.readSingle(seconds(30)); },
+                ThrowsMessage<std::runtime_error>("Failed to read data"));
+    EXPECT_THAT(mLog.linesUpTo(Severity::Debug),
+                ElementsAre(line(Severity::Warning,
+                                 "Timed out while reading packet, end of packet not reached. Read "
+                                 "67108864 bytes."))); // 64 * 1024 * 1024
+    // 17 bytes, doubled 21 times: 17 * 2^21 = 35,651,584. Then 67,108,864 - 35,651,584 = 31,457,280 are left.
+    auto const journal = mStream->journal();
+    ASSERT_EQ(journal.size(), 2U + 23U);
+    EXPECT_EQ(journal[2], "read 17");
+    EXPECT_EQ(journal[23], "read 17825792"); // 17 * 2^20: the buffer has 17 * 2^21
+    EXPECT_EQ(journal[24], "read 31457280");
+}
+
 TEST_F(LockStreamPacketReaderTest, TellsOfADeviceThatDoesNotStepOn) {
     auto reader = makeSingle();
     mStream->fail(Fault::NextPacket, EIO);
@@ -457,12 +476,37 @@ protected:
                           "Exception occurred while reading/processing a packet. Exception "
                           "was Failed to switch to next packet");
     }
+    std::size_t refusals() const {
+        return mLog.count(Severity::Error,
+                          "Exception occurred while reading/processing a packet. Exception was too short");
+    }
+    /// Has every wait end at once with nothing, and take no time.
+    void waitForNothing() {
+        mStream->onWait([](seconds /*aTimeout*/) {
+            std::this_thread::yield();
+            return 0;
+        });
+    }
+    /// Ends the wait under way, and with it the thread.
+    void stop(LockStreamPacketReader& aReader) {
+        mClock->awaitWaiters(1);
+        aReader.requestStop();
+        mClock->advance(seconds(1));
+    }
 
     HandClockScope mClock;
     LogCapture mLog;
     std::shared_ptr<FakeSeqlockDriver> mDriver = std::make_shared<FakeSeqlockDriver>();
     std::shared_ptr<FakeStream> mStream = mDriver->stream(kDevice);
     Collector mCollector;
+    /// Refuses packets that are too short.
+    LockStreamPacketReader::Processor mPicky = [collect =
+                                                    mCollector.processor()](std::unique_ptr<Packet> aPacket) {
+        if (aPacket->size() < 16) {
+            throw std::invalid_argument("too short");
+        }
+        collect(std::move(aPacket));
+    };
 };
 
 TEST_F(LockStreamPacketReaderOnHandClock, TellsOfASilentDeviceEvery30Seconds) {
@@ -502,6 +546,133 @@ TEST_F(LockStreamPacketReaderOnHandClock, EndsAtOnceWhileADeviceIsLeftAlone) {
         mClock->awaitWaiters(1);
     }
     EXPECT_EQ(mClock->now(), begin);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, EndsAtOnceBetweenPacketsThatTheCallbackRefuses) {
+    waitForNothing();
+    auto const begin = mClock->now();
+    {
+        LockStreamPacketReader const reader(kDevice, 16, mPicky, mDriver);
+        mStream->awaitWaits(1);
+        for (int packet = 0; packet < 1000; ++packet) {
+            mStream->add({});
+        }
+    }
+    EXPECT_EQ(mClock->now(), begin);
+    EXPECT_EQ(mLog.count(Severity::Trace, "leaving readerThread"), 1U);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, WorksPacketsOffAtOnceThoughTheCallbackRefusesSome) {
+    auto const begin = mClock->now();
+    LockStreamPacketReader reader(kDevice, 16, mPicky, mDriver);
+    mClock->awaitWaiters(1);
+    for (std::size_t const size : {15U, 0U, 8U, 0U, 1U}) {
+        mStream->add(bytes(size));
+    }
+    mStream->add(bytes(16, 9));
+    EXPECT_TRUE(eventually([&] { return !mCollector.packets().empty(); }));
+    EXPECT_THAT(mCollector.packets(), ElementsAre(bytes(16, 9)));
+    EXPECT_EQ(mClock->now(), begin);
+    EXPECT_THAT(mLog.linesUpTo(Severity::Warning), testing::SizeIs(5));
+    EXPECT_EQ(refusals(), 5U); // a line each
+    stop(reader);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, ReadsOnBehindABadPacketThatFollowsASilence) {
+    LockStreamPacketReader reader(kDevice, 16, mPicky, mDriver);
+    for (int second = 0; second < 30; ++second) {
+        mClock->advanceToNextDeadline();
+    }
+    EXPECT_TRUE(eventually([&] {
+        return mLog.has(Severity::Error,
+                        "Exception occurred while reading/processing a packet. Exception was "
+                        "Failed to read data");
+    }));
+    mClock->awaitWaiters(1);
+    auto const begin = mClock->now();
+    mStream->add(bytes(3));
+    mStream->add(bytes(16, 9));
+    EXPECT_TRUE(eventually([&] { return !mCollector.packets().empty(); }));
+    EXPECT_EQ(mClock->now(), begin);
+    EXPECT_EQ(refusals(), 1U);
+    stop(reader);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, ReadsOnBehindWaitsThatASignalInterrupted) {
+    auto const begin = mClock->now();
+    mStream->fail(Fault::Wait, EINTR, 3);
+    LockStreamPacketReader reader(kDevice, 16, mPicky, mDriver);
+    EXPECT_TRUE(eventually([&] {
+        return mLog.count(Severity::Error,
+                          "Exception occurred while reading/processing a packet. Exception was "
+                          "Cannot wait for data: waiting failed") == 3U;
+    }));
+    mStream->add(bytes(16, 9));
+    EXPECT_TRUE(eventually([&] { return !mCollector.packets().empty(); }));
+    EXPECT_EQ(mClock->now(), begin);
+    stop(reader);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, LeavesADeviceAloneThatCannotBeWaitedFor) {
+    mStream->fail(Fault::Wait, EIO);
+    LockStreamPacketReader reader(kDevice, 16, mPicky, mDriver);
+    mClock->awaitWaiters(1);
+    EXPECT_EQ(mLog.count(Severity::Error,
+                         "~waitForData: select call failed on /dev/lock_dma_pid with errno is 5"), // EIO
+              2U);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, LeavesADeviceAloneThatDoesNotEndItsPackets) {
+    auto const begin = mClock->now();
+    {
+        LockStreamPacketReader const reader(kDevice, 16, mPicky, mDriver);
+        mClock->awaitWaiters(1);
+        mStream->deliverForEver([] {});
+        mStream->add({}); // ends the wait
+        std::string const words =
+            "Timed out while reading packet, end of packet not reached. Read 67108864 "
+            "bytes.";
+        EXPECT_TRUE(eventually([&] { return mLog.count(Severity::Warning, words) == 2U; }));
+        mClock->awaitWaiters(1);                                 // at rest
+        EXPECT_EQ(mLog.linesUpTo(Severity::Warning).size(), 4U); // and the exception, twice
+    }
+    EXPECT_EQ(mClock->now(), begin);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, EndsAPacketWithoutAnEndWhenItIsToStop) {
+    waitForNothing();
+    auto const begin = mClock->now();
+    {
+        LockStreamPacketReader const reader(kDevice, 16, mPicky, mDriver);
+        mStream->awaitWaits(1);
+        mStream->limitReads(1); // byte by byte it would take long
+        mStream->add(Packet(1000000), false);
+    }
+    EXPECT_EQ(mClock->now(), begin);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, ReadsPacketsThoughItsFirstFlushFailed) {
+    mStream->add(bytes(16)); // stale, and the device does not step on from it
+    mStream->fail(Fault::NextPacket, EIO, 1);
+    LockStreamPacketReader reader(kDevice, 16, mPicky, mDriver);
+    mClock->awaitWaiters(1);
+    EXPECT_EQ(mLog.count(Severity::Error,
+                         "Exception occurred while reading/processing a packet. Exception was "
+                         "Could not flush data"),
+              1U);
+    mStream->add(bytes(3));
+    mStream->add(bytes(16, 9));
+    EXPECT_TRUE(eventually([&] { return !mCollector.packets().empty(); }));
+    EXPECT_THAT(mCollector.packets(), ElementsAre(bytes(16, 9)));
+    stop(reader);
+}
+
+TEST_F(LockStreamPacketReaderOnHandClock, LetsAFlushInThoughThePacketsNeverEnd) {
+    LockStreamPacketReader reader(kDevice, 16, mPicky, mDriver);
+    mClock->awaitWaiters(1);
+    mStream->deliverForEver([this] { mClock->advance(seconds(10)); }); // the time is up before the size is
+    mStream->add({});                                                  // ends the wait
+    EXPECT_THAT([&] { reader.flush(); }, ThrowsMessage<std::runtime_error>("Could not flush data"));
 }
 
 TEST_F(LockStreamPacketReaderOnHandClock, LivesThroughAFlushThatFails) {
