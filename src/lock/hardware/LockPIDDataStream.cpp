@@ -33,11 +33,13 @@ void LockPIDDataStream::start() {
         std::lock_guard const lock(mMutex);
         mWake = false;
     }
-    mReader = std::make_unique<LockStreamPacketReader>(
+    // Kept once all has gone well, so that a start that fails can be tried again.
+    auto reader = std::make_unique<LockStreamPacketReader>(
         "/dev/lock_dma_pid", 124, [this](std::unique_ptr<Packet> aPacket) { decodeAndPush(*aPacket); },
         mDriver);
-    mReader->flush();
+    reader->flush();
     mHardware->pidItfEnable()->set(true);
+    mReader = std::move(reader);
 }
 
 void LockPIDDataStream::stop() {

@@ -231,6 +231,29 @@ TEST_F(LockPIDDataStreamTest, StaysStoppedWithoutADevice) {
     mStream.start();
 }
 
+TEST_F(LockPIDDataStreamTest, StaysStoppedWhenTheDeviceCannotBeFlushed) {
+    send(1, 1);
+    mDevice->fail(FakeStream::Fault::NextPacket, EIO);
+    EXPECT_THAT([this] { mStream.start(); }, ThrowsMessage<std::runtime_error>("Could not flush data"));
+    EXPECT_THAT(mHardware->takeActions(), testing::IsEmpty());
+    EXPECT_EQ(mDevice->openDevices(), 0U);
+    mDevice->fail(FakeStream::Fault::NextPacket, 0);
+    mStream.start();
+    EXPECT_THAT(mHardware->takeActions(), ElementsAre("set log/pid_itf_enable = 1"));
+    send(7, 1);
+    EXPECT_EQ(next(), 7);
+}
+
+TEST_F(LockPIDDataStreamTest, StaysStoppedWhenTheHardwareCannotBeSwitchedOn) {
+    mHardware->registers.pidItfEnable->onWrite([](bool /*aOn*/) { throw std::runtime_error("no bus"); });
+    EXPECT_THAT([this] { mStream.start(); }, ThrowsMessage<std::runtime_error>("no bus"));
+    EXPECT_EQ(mDevice->openDevices(), 0U);
+    mHardware->registers.pidItfEnable->onWrite(nullptr);
+    mStream.start();
+    send(7, 1);
+    EXPECT_EQ(next(), 7);
+}
+
 TEST_F(LockPIDDataStreamTest, TakesEveryWholeRecordOfAPacket) {
     mStream.start();
     send(1, 1);
@@ -255,6 +278,23 @@ TEST_F(LockPIDDataStreamTest, GoesOnAfterAPacketThatIsTooShort) {
                          "Exception occurred while reading/processing a packet. Exception was "
                          "Cannot decode lock PID stream packet: packet size is 15 but at least "
                          "16 bytes are expected"));
+}
+
+TEST_F(LockPIDDataStreamTest, TellsOfEachEmptyPacketAndGoesOnAtOnce) {
+    mStream.start();
+    auto const begin = std::chrono::steady_clock::now();
+    for (int packet = 0; packet < 4; ++packet) {
+        send(0, 0);
+    }
+    send(9, 1);
+    EXPECT_EQ(next(), 9);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, seconds(15)); // one that rests does so for 30 s
+    EXPECT_THAT(mLog.linesUpTo(Severity::Warning), testing::SizeIs(4));
+    EXPECT_EQ(mLog.count(Severity::Error,
+                         "Exception occurred while reading/processing a packet. Exception was "
+                         "Cannot decode lock PID stream packet: packet size is 0 but at least "
+                         "16 bytes are expected"),
+              4U);
 }
 
 TEST_F(LockPIDDataStreamTest, KeepsTheRecordsThatAreLeftAtAStop) {
