@@ -31,5 +31,7 @@ Hdf5Library::~Hdf5Library() {
 }
 
 std::unique_ptr<Hdf5LibraryLock> Hdf5Library::lock() {
-    return std::make_unique<Hdf5LibraryLock>(mMutex);
+    auto lock = std::make_unique<Hdf5LibraryLock>(mMutex);
+    H5::Exception::dontPrint(); // A library that is built for threads prints or not by thread.
+    return lock;
 }

@@ -15,7 +15,7 @@ public:
     /// @throws std::runtime_error  when HDF5 cannot be opened; the next call tries again.
     static Hdf5Library& instance();
 
-    /// Waits until nobody else uses HDF5.
+    /// Waits until nobody else uses HDF5, which prints nothing on its own in the calling thread from then on.
     /// @return The right to use it; every handle must be closed before it goes.
     std::unique_ptr<Hdf5LibraryLock> lock();
 

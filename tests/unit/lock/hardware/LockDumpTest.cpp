@@ -310,6 +310,18 @@ TEST_F(LockDumpTest, OnlyLogsThatThreePointsAreTooFew) {
     EXPECT_THAT(filesInFolder(), ElementsAre("dump.h5"));
 }
 
+TEST_F(LockDumpTest, PrintsNothingOnItsOwnWhateverTheThread) {
+    Hdf5Library::instance(); // opened by this thread
+    auto dump = makeDump();
+    answer(packetOf(3)); // too few
+    testing::internal::CaptureStderr();
+    for (int thread = 0; thread < 2; ++thread) {
+        std::thread([&] { dump.acquireAndDump(file()); }).join();
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(mLog.linesUpTo(Severity::Error).size(), 2U);
+}
+
 TEST_F(LockDumpTest, OnlyLogsAFolderThatIsNotThere) {
     auto dump = makeDump();
     answer(packetOf(100));
