@@ -123,7 +123,22 @@ void LockStreams::start() {
     mDataInWindow.clear();
     mWithinThreshold = false;
     mMeanWindow.clear();
-    startPIDStream();
+    try {
+        startPIDStream();
+    } catch (...) {
+        mStartedFlag = false; // or else the next start would take it for running
+        throw;
+    }
+    try {
+        startDumps();
+    } catch (...) {
+        mStartedFlag = false;
+        abandonPIDStream();
+        throw;
+    }
+}
+
+void LockStreams::startDumps() {
     mHardware->timeDomainSrc()->set(true);
     mDeferFFT.trigger("onstart");
     mDeferFID.trigger("onstart");
@@ -136,7 +151,21 @@ void LockStreams::startPIDStream() {
     mPIDStream->start();
     mPidDataTimedOut = false;
     mStopThread = false;
-    mThread = std::thread([this] { pidStreamThread(); });
+    try {
+        mThread = std::thread([this] { pidStreamThread(); });
+    } catch (...) {
+        abandonPIDStream();
+        throw;
+    }
+}
+
+/// Ends what a start has begun that cannot go on.
+void LockStreams::abandonPIDStream() {
+    try {
+        haltPIDStream();
+    } catch (std::exception const& failure) {
+        keplaDoLog(Severity::Error, "Failed to stop the PID stream: %s", {}, failure.what());
+    }
 }
 
 void LockStreams::stop() {
@@ -150,8 +179,20 @@ void LockStreams::stop() {
 void LockStreams::stopPIDStream() {
     keplaDoLog(Severity::Debug, "+stopPIDStream", {});
     mRegulator->stop();
+    haltPIDStream();
+    mListener->state(kStopped);
+    mListener->doing("stopped");
+}
+
+/// Ends the supervision, whether or not the stream can be switched off.
+void LockStreams::haltPIDStream() {
     mStopThread = true;
-    mPIDStream->stop();
+    std::exception_ptr failure;
+    try {
+        mPIDStream->stop(); // wakes the thread
+    } catch (...) {
+        failure = std::current_exception();
+    }
     // Before the rest, so that a record under way cannot undo it.
     if (mThread.joinable()) {
         mThread.join();
@@ -160,8 +201,9 @@ void LockStreams::stopPIDStream() {
     mWithinThreshold = false;
     mLocked = false;
     mChannelLocked->push(0.0, mClock.systemNow());
-    mListener->state(kStopped);
-    mListener->doing("stopped");
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
 }
 
 void LockStreams::requestEnd() noexcept {

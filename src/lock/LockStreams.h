@@ -73,10 +73,15 @@ public:
     void setInternalNotifier(std::shared_ptr<LockInternalNotifierIfc>&& aNotifier);
 
     /// Starts stream, supervision and regular dumps; only warns when they run.
-    /// @throws std::runtime_error  when the stream cannot be started; stop() is needed all the same.
+    /// Blocks for the flush of the stream, at most 90 s where the device does not stop delivering.
+    /// @throws std::runtime_error  when the stream cannot be started, or what comes behind it; nothing runs
+    /// then,
+    ///                             and the next start() begins anew.
     void start();
 
     /// Stops all of it and tells the listener. Waits for the record and the regular dump under way.
+    /// @throws std::runtime_error  when the stream cannot be switched off; the supervision has ended all the
+    ///                             same, but the listener has not been told.
     void stop();
 
     /// @return Whether the lock is locked.
@@ -122,8 +127,10 @@ private:
 
     void initializeDataLogger(velmor::kepla::datalogger::DataLoggerInterface& aDataLogger);
     void startPIDStream();
+    void startDumps();
+    void abandonPIDStream();
     void stopPIDStream();
-    void joinThread();
+    void haltPIDStream();
     void pidStreamThread();
     void superviseStream();
     void handleTimeout(int& aRetries);

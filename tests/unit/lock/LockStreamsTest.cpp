@@ -2,6 +2,7 @@
 // The supervision of the running lock: locked, lost, the output's range, silence, and the dumps.
 #include "lock/LockStreams.h"
 
+#include "lock/LockFSM.h"
 #include "lock/LockListenerSync.h"
 #include "lock/LockParameters.h"
 #include "lock/LockShimTargetTemperatureRegulatorIfc.h"
@@ -26,7 +27,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -39,6 +42,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using libfieldwarden::test::CapturedLine;
@@ -60,6 +64,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::ThrowsMessage;
 
 namespace {
 
@@ -145,6 +150,9 @@ public:
             mWake = true;
         }
         mNews.notify_all();
+        if (failsToStop) {
+            throw std::runtime_error("no end");
+        }
     }
     bool dequeueWait(std::unique_ptr<LockStreamPIDData>& aOut,
                      std::chrono::duration<double> aTimeout) override {
@@ -173,6 +181,7 @@ public:
     void feedForTheLastTime(long long aIn) { put(std::make_unique<LockStreamPIDData>(0, 0, aIn, 0.0)); }
 
     std::atomic<bool> fails{false};
+    std::atomic<bool> failsToStop{false};
 
 private:
     void put(std::unique_ptr<LockStreamPIDData> aItem) {
@@ -361,12 +370,69 @@ TEST_F(LockStreamsTest, StartsAnewAfterAStop) {
 
 TEST_F(LockStreamsTest, HandsOnThatTheStreamCannotBeStarted) {
     mStream->fails = true;
-    EXPECT_THROW(mStreams->start(), std::runtime_error);
+    EXPECT_THAT([this] { mStreams->start(); }, ThrowsMessage<std::runtime_error>("no stream"));
+    EXPECT_THAT(mJournal.take(), ElementsAre("stream start"));
+    EXPECT_THAT(mHardware->takeActions(), IsEmpty());
     EXPECT_THAT(mPeriodic->jobs(), IsEmpty());
+    EXPECT_THROW(mStreams->start(), std::runtime_error);
     mStream->fails = false;
-    mStreams->stop(); // as the state machine does
+    start(); // There is no stop behind a start that failed.
+    feed(50, 0);
+    EXPECT_TRUE(mStreams->locked());
+    EXPECT_FALSE(
+        mLog.has(Severity::Warning, "already started, cannot restart it, consider everything is fine?!"));
+    EXPECT_EQ(mPeriodic->jobs().size(), 1U);
+}
+
+TEST_F(LockStreamsTest, EndsTheStreamWhenTheRestOfTheStartFails) {
+    mHardware->registers.timeDomainSrc->onWrite(
+        [](bool /*aOn*/) { throw std::runtime_error("no register"); });
+    EXPECT_THAT([this] { mStreams->start(); }, ThrowsMessage<std::runtime_error>("no register"));
+    EXPECT_THAT(mJournal.take(), ElementsAre("stream start", "stream stop")); // the listener hears nothing
+    EXPECT_TRUE(mLog.has(Severity::Info, "pidStreamThread stopped"));
+    EXPECT_FALSE(mLog.has(Severity::Info, "+dumpFFT(name = 'onstart'):"));
+    mHardware->registers.timeDomainSrc->onWrite(nullptr);
     start();
-    feed(1, 0);
+    feed(50, 0);
+    EXPECT_TRUE(mStreams->locked());
+}
+
+TEST_F(LockStreamsTest, EndsTheStreamWhenThereIsNobodyForTheRegularDumps) {
+    struct Refusing : velmor::kepla::utils::PeriodicCallerManagerIfc {
+        std::unique_ptr<velmor::kepla::utils::PeriodicCallerIfc> createPeriodicCaller(
+            double /*aPeriodSeconds*/, std::function<void()> /*aCallback*/) override {
+            throw std::runtime_error("no time");
+        }
+    };
+    LockStreams streams(mHardware, mStream, mListener, mParameters, mRegulator, mDataLogger,
+                        std::make_shared<Refusing>());
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_THAT([&] { streams.start(); }, ThrowsMessage<std::runtime_error>("no time"));
+        EXPECT_THAT(mJournal.take(), ElementsAre("stream start", "stream stop"));
+    }
+}
+
+TEST_F(LockStreamsTest, HandsOnWhyTheStartFailedThoughTheStreamDoesNotEndEither) {
+    mHardware->registers.timeDomainSrc->onWrite(
+        [](bool /*aOn*/) { throw std::runtime_error("no register"); });
+    mStream->failsToStop = true;
+    EXPECT_THAT([this] { mStreams->start(); }, ThrowsMessage<std::runtime_error>("no register"));
+    EXPECT_TRUE(mLog.has(Severity::Error, "Failed to stop the PID stream: no end"));
+    mStream->failsToStop = false;
+}
+
+TEST_F(LockStreamsTest, EndsTheSupervisionThoughTheStreamDoesNotStop) {
+    start();
+    feed(50, 0);
+    mStream->failsToStop = true;
+    EXPECT_THAT([this] { mStreams->stop(); }, ThrowsMessage<std::runtime_error>("no end"));
+    EXPECT_TRUE(mLog.has(Severity::Info, "pidStreamThread stopped"));
+    EXPECT_FALSE(mStreams->locked());
+    EXPECT_EQ(mDataLogger->pushes("lock/locked").back().value, 0.0);
+    mStream->failsToStop = false;
+    start();
+    feed(50, 0);
+    EXPECT_TRUE(mStreams->locked());
 }
 
 TEST_F(LockStreamsTest, EndsAllThreadsThoughItWasNeverStopped) {
@@ -697,6 +763,81 @@ TEST_F(LockStreamsSilence, IsAHardwareErrorWithThe60thSecondAndNotBefore) {
     EXPECT_FALSE(mStreams->pidDataTimedOut());
     deliver(50);
     EXPECT_TRUE(eventually([this] { return mStreams->locked(); }));
+}
+
+// ---------------------------------------------------------------------------------------- the state machine
+
+/// Workflows that only work, and streams as the machine sees them.
+struct Idle : libfieldwarden::lock::StartAndStopIfc {
+    void start() override {}
+    void stop() override {}
+};
+struct Watching : libfieldwarden::lock::StartAndStopIfc {
+    explicit Watching(LockStreams& aStreams)
+        : streams(aStreams) {}
+    void start() override { streams.start(); }
+    void stop() override { streams.stop(); }
+    LockStreams& streams;
+};
+
+/// The machine with these streams, and no sequencer to set up.
+class Machine : public LockFSM {
+public:
+    Machine(LockStreams& aStreams,
+            std::shared_ptr<LockParametersInterface> const& aParameters,
+            std::shared_ptr<LockListenerSync> aListener)
+        : Logger("LockFSM", "Lock")
+        , LockFSM(
+              std::make_shared<Idle>(),
+              std::make_shared<Watching>(aStreams),
+              aParameters,
+              std::move(aListener),
+              [] {},
+              false) {}
+};
+
+TEST_F(LockStreamsTest, SupervisesTheStartBehindOneWhoseStreamFailed) {
+    auto const device = mDriver->stream("/dev/lock_dma_pid");
+    device->onWait([](seconds /*aTimeout*/) {
+        std::this_thread::yield();
+        return 0;
+    });
+    mStreams.reset();
+    mStreams = std::make_unique<LockStreams>(mHardware, std::make_shared<LockPIDDataStream>(mHardware),
+                                             mListener, mParameters, mRegulator, mDataLogger, mPeriodic);
+    mParameters->setMagnet1HFrequency(80e6);
+    std::vector<std::string> heard;
+    auto const hears = [&](std::string const& aWhat) {
+        return eventually([&] {
+            auto const news = mJournal.take();
+            heard.insert(heard.end(), news.begin(), news.end());
+            return std::find(heard.begin(), heard.end(), aWhat) != heard.end();
+        });
+    };
+    Machine machine(*mStreams, mParameters, mListener);
+    EXPECT_TRUE(hears("doing stopped"));
+
+    device->add({1});
+    device->fail(FakeStream::Fault::NextPacket, EIO);
+    heard.clear();
+    machine.start();
+    EXPECT_TRUE(hears("doing stopped"));
+    EXPECT_THAT(heard, ElementsAre("doing Starting the lock", "state 2", "doing starting", "state 6",
+                                   "error Could not start the lock: Could not flush data", "state 0",
+                                   "doing stopped"));
+
+    device->fail(FakeStream::Fault::NextPacket, 0);
+    heard.clear();
+    mLog.clear();
+    machine.start();
+    EXPECT_TRUE(hears("doing lock is regulating, not yet locked"));
+    device->add(std::vector<unsigned char>(50 * libfieldwarden::lock::PidRecord::kSize));
+    EXPECT_TRUE(hears("doing locked"));
+    EXPECT_TRUE(mStreams->locked());
+    EXPECT_FALSE(
+        mLog.has(Severity::Warning, "already started, cannot restart it, consider everything is fine?!"));
+    machine.stop();
+    EXPECT_TRUE(hears("doing Stopping the lock"));
 }
 
 // ----------------------------------------------------------------------------------------------------- dumps
