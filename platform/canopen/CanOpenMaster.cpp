@@ -234,6 +234,10 @@ std::span<std::uint8_t const> CanOpenMaster::Turn::upload(SdoObject aObject,
     return sdo.data();
 }
 
+bool CanOpenMaster::Turn::sizeIsOpen() const noexcept {
+    return mNode.sdo->result().sizeIsOpen;
+}
+
 void CanOpenMaster::Turn::download(SdoObject aObject,
                                    std::span<std::uint8_t const> aData,
                                    SdoMode aMode,

@@ -4,6 +4,7 @@
 
 #include <velmor/kepla/canopen/SdoAbort.h>
 
+#include <algorithm>
 #include <array>
 #include <stdexcept>
 #include <type_traits>
@@ -37,7 +38,10 @@ template <typename Number>
 Number CanOpenNodeClient::readNumber(SdoObject aObject) {
     using Unsigned = std::make_unsigned_t<Number>;
     CanOpenMaster::Turn turn(*mMaster, mNodeId);
-    std::span<std::uint8_t const> const bytes = turn.upload(aObject, kNumberLimit);
+    std::span<std::uint8_t const> bytes = turn.upload(aObject, kNumberLimit);
+    if (turn.sizeIsOpen()) {
+        bytes = bytes.first(std::min(bytes.size(), sizeof(Number))); // The type tells what the node does not.
+    }
     if (bytes.empty() || bytes.size() > sizeof(Number)) {
         throw SdoProtocolError(mNodeId, aObject,
                                "The answer has " + std::to_string(bytes.size()) + " bytes instead of " +
@@ -61,15 +65,16 @@ void CanOpenNodeClient::writeNumber(SdoObject aObject, Number aValue) {
     turn.download(aObject, bytes, SdoMode::Segmented);
 }
 
-/// Tries a transfer as block transfer, and as segmented one where the node refuses the very command: then
-/// nothing has been transferred yet.
+/// Tries a transfer as block transfer, and as segmented one where the node refuses the very request for want
+/// of that command. The same abort in the middle of a transfer is a failure like any other: a write must not
+/// begin again by itself.
 template <typename Transfer>
 void CanOpenNodeClient::preferBlock(Transfer aTransfer) {
     if (mKnowsBlocks) {
         try {
             return aTransfer(SdoMode::Block);
         } catch (SdoAbortError const& error) {
-            if (error.code() != sdoabort::kCommandSpecifier) {
+            if (error.code() != sdoabort::kCommandSpecifier || !error.refused()) {
                 throw;
             }
             mKnowsBlocks = false;

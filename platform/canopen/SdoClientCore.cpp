@@ -261,9 +261,9 @@ bool SdoClientCore::onAbort(CanFrame const& aFrame, TimePoint aNow) {
     }
     // Behind an answer that refuses the request nothing follows. In the middle of a transfer, the node may
     // answer what was sent before its abort came.
-    bool const inTheMiddle = mPhase != Phase::UploadInit && mPhase != Phase::DownloadInit &&
-                             mPhase != Phase::BlockUpInit && mPhase != Phase::BlockDownInit;
-    mSynchroniseNext = mSynchroniseNext || inTheMiddle;
+    mResult.refused = mPhase == Phase::UploadInit || mPhase == Phase::DownloadInit ||
+                      mPhase == Phase::BlockUpInit || mPhase == Phase::BlockDownInit;
+    mSynchroniseNext = mSynchroniseNext || !mResult.refused;
     accept(aFrame, aNow);
     finish(SdoOutcome::Aborted, numberOf(aFrame.data), "the node gave the transfer up");
     return true;
@@ -279,6 +279,7 @@ bool SdoClientCore::onUploadInit(CanFrame const& aFrame, TimePoint aNow) {
     bool const sizeIndicated = (command & 0x01U) != 0;
     if (expedited) {
         std::size_t const size = kExpeditedBytes - (sizeIndicated ? (command >> 2U) & 3U : 0U);
+        mResult.sizeIsOpen = !sizeIndicated;
         if (size > mLimit) {
             return breakOff(sdoabort::kOutOfMemory, "the node sent more than this object may have");
         }
@@ -584,7 +585,7 @@ void SdoClientCore::throwUnlessDone() const {
         case SdoOutcome::Done:
             return;
         case SdoOutcome::Aborted:
-            throw SdoAbortError(mNode, mObject, mResult.abortCode);
+            throw SdoAbortError(mNode, mObject, mResult.abortCode, mResult.refused);
         case SdoOutcome::TimedOut:
             throw SdoTimeoutError(mNode, mObject, mResult.words);
         case SdoOutcome::ProtocolError:

@@ -17,8 +17,9 @@ SdoError::SdoError(std::uint8_t aNode, SdoObject aObject, std::string const& aWo
     , mNode(aNode)
     , mObject(aObject) {}
 
-SdoAbortError::SdoAbortError(std::uint8_t aNode, SdoObject aObject, std::uint32_t aCode)
+SdoAbortError::SdoAbortError(std::uint8_t aNode, SdoObject aObject, std::uint32_t aCode, bool aRefused)
     : SdoError(aNode, aObject, describeSdoAbort(aCode))
-    , mCode(aCode) {}
+    , mCode(aCode)
+    , mRefused(aRefused) {}
 
 } // namespace velmor::kepla::canopen

@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <numeric>
 #include <thread>
@@ -145,6 +146,45 @@ TEST_F(MasterTest, RefusesNumbersThatAreLongerThanAskedFor) {
     EXPECT_EQ(client.readUInt32(0x3000, 1), 7U) << "the client stays usable";
 }
 
+/// Answers reads with all four bytes and without their size (command 0x42), as CiA 301 allows.
+class SizelessNode {
+public:
+    explicit SizelessNode(InProcessBus& aBus)
+        : mChannel(aBus.open("node9", {{0x609}}))
+        , mThread([this] { work(); }) {}
+    ~SizelessNode() {
+        mStop = true;
+        mChannel->interrupt();
+        mThread.join();
+    }
+    SizelessNode(SizelessNode const&) = delete;
+    SizelessNode& operator=(SizelessNode const&) = delete;
+
+private:
+    void work() {
+        while (!mStop) {
+            if (auto const request = mChannel->receive(1h)) {
+                auto const& data = request->data;
+                mChannel->send({0x589, 8, {0x42, data[1], data[2], data[3], 0xFE, 0xCA, 0xAD, 0xDE}});
+            }
+        }
+    }
+
+    std::unique_ptr<CanChannel> mChannel;
+    std::atomic<bool> mStop{false};
+    std::thread mThread;
+};
+
+TEST_F(MasterTest, TakesTheLowBytesOfANumberWhoseSizeTheNodeLeavesOpen) {
+    SizelessNode const sizeless(bus);
+    CanOpenNodeClient other(master, 9);
+    EXPECT_EQ(other.readUInt8(0x3000, 1), 0xFE);
+    EXPECT_EQ(other.readUInt16(0x3000, 2), 0xCAFE);
+    EXPECT_EQ(other.readUInt32(0x3000, 3), 0xDEADCAFEU);
+    EXPECT_EQ(other.readInt32(0x3000, 4), static_cast<std::int32_t>(0xDEADCAFEU));
+    EXPECT_EQ(other.readString(0x1008, 0), "\xFE\xCA\xAD\xDE"); // a text's length has no other source
+}
+
 TEST_F(MasterTest, ReadsTextsOfAnyLength) {
     std::string const longText(5000, 'x');
     node.setText({0x1008, 0}, "Shim board");
@@ -201,12 +241,34 @@ TEST(CanOpenNodeClient, WritesBlocksInSegmentsToANodeThatKnowsNoBlockTransfer) {
     EXPECT_EQ(blockRequests, 1) << "the node is not asked for block transfers again";
 }
 
+TEST_F(MasterTest, DoesNotRepeatABlockThatTheNodeGivesUpInTheMiddleForAnUnknownCommand) {
+    int taken = 0;
+    node.onWrite({0x1F50, 1}, [&](TestNode::Bytes const&) { // the data have all been transferred by then
+        return ++taken == 1 ? sdoabort::kCommandSpecifier : 0U;
+    });
+    auto const watch = bus.open("watch", {{0x608, 0x7FF}});
+    TestNode::Bytes const image(68, 0x5A);
+    auto const error =
+        errorOf<SdoAbortError>([&] { client.writeBlock(0x1F50, 1, image.data(), image.size()); });
+    EXPECT_EQ(error.code(), sdoabort::kCommandSpecifier);
+    EXPECT_FALSE(error.refused());
+    EXPECT_EQ(taken, 1);
+    client.writeBlock(0x1F50, 1, image.data(), image.size());
+    EXPECT_EQ(taken, 2);
+    int blocks = 0;
+    while (auto const frame = watch->receive(0ms)) {
+        blocks += frame->data[0] == 0xC6 ? 1 : 0; // Requests to open a block download.
+    }
+    EXPECT_EQ(blocks, 2) << "the node knows block transfers all the same";
+}
+
 TEST_F(MasterTest, TellsTheWordsOfTheNode) {
     node.refuseReads({0x3000, 5}, sdoabort::kHardware);
     auto const error = errorOf<SdoAbortError>([&] { client.readInt32(0x3000, 5); });
     EXPECT_STREQ(error.what(),
                  "node 8, object 0x3000:05: SDO abort 0x06060000: Access failed due to a hardware error");
     EXPECT_EQ(error.code(), sdoabort::kHardware);
+    EXPECT_TRUE(error.refused());
     EXPECT_THROW(client.writeUInt8(0x4000, 1, 1), SdoAbortError);
     EXPECT_EQ(node.writes().size(), 1U) << "a refused write is not repeated";
 }

@@ -122,7 +122,18 @@ void runEnds(Bench& aBench, Step const& aStep) {
 
 void runBrings(Bench& aBench, Step const& aStep) {
     runEnds(aBench, aStep);
+    EXPECT_FALSE(aBench.client.result().sizeIsOpen);
     EXPECT_EQ(Bytes(aBench.client.data().begin(), aBench.client.data().end()), hex(aStep.text));
+}
+
+void runRefused(Bench& aBench, Step const& aStep) {
+    runEnds(aBench, aStep);
+    EXPECT_TRUE(aBench.client.result().refused);
+}
+
+void runAborted(Bench& aBench, Step const& aStep) {
+    runEnds(aBench, aStep);
+    EXPECT_FALSE(aBench.client.result().refused);
 }
 
 void runTimedOutUnsent(Bench& aBench, Step const& aStep) {
@@ -133,6 +144,11 @@ void runTimedOutUnsent(Bench& aBench, Step const& aStep) {
 void runTimedOut(Bench& aBench, Step const& aStep) {
     runEnds(aBench, aStep);
     EXPECT_TRUE(aBench.client.result().requestSent);
+}
+
+void runBringsOfOpenSize(Bench& aBench, Step const& aStep) {
+    EXPECT_TRUE(aBench.client.result().sizeIsOpen);
+    EXPECT_EQ(Bytes(aBench.client.data().begin(), aBench.client.data().end()), hex(aStep.text));
 }
 
 void runDropped(Bench& aBench, Step const& aStep) {
@@ -197,8 +213,19 @@ consteval Step brings(char const* aData) {
     return {.run = runBrings, .text = aData};
 }
 
+/// The transfer is over and brought this without saying how much of it counts.
+consteval Step bringsOfOpenSize(char const* aData) {
+    return {.run = runBringsOfOpenSize, .text = aData};
+}
+
+/// The node has given the transfer up in answer to the request.
+consteval Step refused(std::uint32_t aCode) {
+    return {.run = runRefused, .number = aCode, .outcome = SdoOutcome::Aborted};
+}
+
+/// The node has given the transfer up in its middle.
 consteval Step aborted(std::uint32_t aCode) {
-    return ends(SdoOutcome::Aborted, aCode);
+    return {.run = runAborted, .number = aCode, .outcome = SdoOutcome::Aborted};
 }
 
 consteval Step broken(std::uint32_t aCode) {
@@ -269,13 +296,15 @@ std::vector<Case> readCases() {
         {"two bytes", {up(), out(kRead), in("4B 00 30 01 78 56 00 00"), brings("78 56")}},
         {"one byte", {up(), out(kRead), in("4F 00 30 01 78 00 00 00"), brings("78")}},
         {"size of expedited data not told",
-         {up(), out(kRead), in("42 00 30 01 78 56 34 12"), brings("78 56 34 12")}},
+         {up(), out(kRead), in("42 00 30 01 78 56 34 12"), bringsOfOpenSize("78 56 34 12"),
+          up({0x3000, 0x02}), out("40 00 30 02 00 00 00 00"), in("43 00 30 02 78 56 34 12"),
+          brings("78 56 34 12")}},
         {"more expedited data than accepted",
          {up(kObject, 2), out(kRead), in("43 00 30 01 78 56 34 12"), out("80 00 30 01 05 00 04 05"),
           broken(0x05040005)}},
-        {"refused", {up(), out(kRead), in("80 00 30 01 00 00 02 06"), aborted(0x06020000)}},
+        {"refused", {up(), out(kRead), in("80 00 30 01 00 00 02 06"), refused(0x06020000)}},
         {"refused with a code of the device's own",
-         {up(), out(kRead), in("80 00 30 01 EF BE AD DE"), aborted(0xDEADBEEF)}},
+         {up(), out(kRead), in("80 00 30 01 EF BE AD DE"), refused(0xDEADBEEF)}},
         {"no answer",
          {up(), out(kRead), wait(milliseconds(999)), stillBusy(), wait(milliseconds(1)), out(kTimeout),
           timedOut()}},
@@ -349,7 +378,7 @@ std::vector<Case> lateCases() {
          {down("01 00 00 00"), out("23 00 30 01 01 00 00 00"), wait(milliseconds(1000)), out(kTimeout),
           timedOut(), down("02 00 00 00"), out(kSync), in("60 00 30 01 00 00 00 00"), dropped(&Drop::stale),
           in(kSyncAnswer), out("23 00 30 01 02 00 00 00"), in("80 00 30 01 30 00 09 06"),
-          aborted(0x06090030)}},
+          refused(0x06090030)}},
         {"synchronising read unanswered too",
          {up(), out(kRead), wait(milliseconds(1000)), out(kTimeout), timedOut(), up(), out(kSync),
           wait(milliseconds(1000)), out("80 00 10 00 00 00 04 05"), timedOut(false), up(), out(kSync2),
@@ -414,13 +443,13 @@ std::vector<Case> lateCases() {
           out("40 00 30 02 00 00 00 00"), in("43 00 30 01 01 00 00 00"), dropped(&Drop::duplicate),
           in("43 00 30 02 02 00 00 00"), brings("02 00 00 00")}},
         {"second copy of a refusal",
-         {up(), out(kRead), in("80 00 30 01 24 00 00 08"), aborted(0x08000024), up(), out(kSync),
+         {up(), out(kRead), in("80 00 30 01 24 00 00 08"), refused(0x08000024), up(), out(kSync),
           in("80 00 30 01 24 00 00 08"), dropped(&Drop::stale), in(kSyncAnswer), out(kRead),
           in("43 00 30 01 02 00 00 00"), brings("02 00 00 00")}},
         {"second copy of an acknowledgement during the next write",
          {down("01"), out("2F 00 30 01 01 00 00 00"), in("60 00 30 01 00 00 00 00"), done(), down("02"),
           out(kSync), in("60 00 30 01 00 00 00 00"), dropped(&Drop::stale), in(kSyncAnswer),
-          out("2F 00 30 01 02 00 00 00"), in("80 00 30 01 30 00 09 06"), aborted(0x06090030)}},
+          out("2F 00 30 01 02 00 00 00"), in("80 00 30 01 30 00 09 06"), refused(0x06090030)}},
         {"no synchronising read between a write and a read",
          {down("01"), out("2F 00 30 01 01 00 00 00"), in("60 00 30 01 00 00 00 00"), done(), up(), out(kRead),
           in("4F 00 30 01 01 00 00 00"), brings("01")}},
@@ -556,7 +585,7 @@ std::vector<Case> writeCases() {
         {"write two bytes", {down("78 56"), out("2B 00 30 01 78 56 00 00"), in(ack), done()}},
         {"write one byte", {down("78"), out("2F 00 30 01 78 00 00 00"), in(ack), done()}},
         {"write refused",
-         {down("78"), out("2F 00 30 01 78 00 00 00"), in("80 00 30 01 02 00 01 06"), aborted(0x06010002)}},
+         {down("78"), out("2F 00 30 01 78 00 00 00"), in("80 00 30 01 02 00 01 06"), refused(0x06010002)}},
         {"write unanswered is not repeated",
          {down("78"), out("2F 00 30 01 78 00 00 00"), wait(milliseconds(1000)), out(kTimeout), timedOut(),
           wait(milliseconds(5000))}},
@@ -584,7 +613,7 @@ std::vector<Case> writeCases() {
         {"wrong index in the acknowledgement of the opening",
          {down(kTen), out(open10), in("60 00 31 01 00 00 00 00"), dropped(&Drop::otherObject),
           wait(milliseconds(1000)), out(kTimeout), timedOut()}},
-        {"opening refused", {down(kTen), out(open10), in("80 00 30 01 10 00 07 06"), aborted(0x06070010)}},
+        {"opening refused", {down(kTen), out(open10), in("80 00 30 01 10 00 07 06"), refused(0x06070010)}},
         {"segment refused",
          {down(kTen), out(open10), in(ack), out(first), in("80 00 30 01 22 00 00 08"), aborted(0x08000022)}},
         {"last segment refused",
@@ -734,7 +763,7 @@ std::vector<Case> blockReadCases() {
          {blockUp(), out(kBlockRead), in(kBlockOpen), out(kBlockStart), in(kS1), wait(milliseconds(1000)),
           out(kTimeout), up(), out(kSync), in(kS2), in(kS3), dropped(&Drop::stale, 2), in(kSyncAnswer),
           out(kRead), in("4F 00 30 01 02 00 00 00"), brings("02")}},
-        {"block refused", {blockUp(), out(kBlockRead), in("80 00 30 01 01 00 04 05"), aborted(0x05040001)}},
+        {"block refused", {blockUp(), out(kBlockRead), in("80 00 30 01 01 00 04 05"), refused(0x05040001)}},
         {"block aborted in the middle",
          {blockUp(), out(kBlockRead), in(kBlockOpen), out(kBlockStart), in(kS1),
           in("80 00 30 01 00 00 06 06"), aborted(0x06060000)}},
@@ -826,7 +855,7 @@ std::vector<Case> blockWriteCases() {
          {blockDown(kTen), out(kBlockWrite), in(open), out(kW1), out(kW2), in(took2), out(kWriteEnd),
           wait(milliseconds(1000)), out(kTimeout), timedOut()}},
         {"block write refused",
-         {blockDown(kTen), out(kBlockWrite), in("80 00 30 01 01 00 04 05"), aborted(0x05040001)}},
+         {blockDown(kTen), out(kBlockWrite), in("80 00 30 01 01 00 04 05"), refused(0x05040001)}},
         {"block write aborted in the middle",
          {blockDown(kTen), out(kBlockWrite), in(open), out(kW1), out(kW2), in("80 00 30 01 00 00 06 06"),
           aborted(0x06060000)}},
@@ -852,7 +881,7 @@ std::vector<Case> blockWriteCases() {
          {blockDown(kTen), out(kBlockWrite), in(open), out(kW1), out(kW2), in(ended), dropped(&Drop::misfit),
           in(took2), out(kWriteEnd), in(ended), done()}},
         {"second block opened at once",
-         {blockDown(kTen), out(kBlockWrite), in("80 00 30 01 20 00 00 08"), aborted(0x08000020),
+         {blockDown(kTen), out(kBlockWrite), in("80 00 30 01 20 00 00 08"), refused(0x08000020),
           blockDown(kTen), out(kSync), in("80 00 30 01 20 00 00 08"), dropped(&Drop::stale), in(kSyncAnswer),
           out(kBlockWrite), in(open), out(kW1), out(kW2), in(took2), out(kWriteEnd), in(ended), done()}},
     };

@@ -90,6 +90,10 @@ public:
                                              std::size_t aLimit,
                                              SdoMode aMode = SdoMode::Segmented);
 
+        /// @return Whether the last upload brought four bytes of which the node did not say how many count:
+        ///         CiA 301 lets it leave that to whoever knows the object's type.
+        bool sizeIsOpen() const noexcept;
+
         /// Writes an object. Never repeated, unless the node cannot have seen it.
         /// @throws SdoError      when the node refuses, does not answer, or breaks the protocol. Without an
         ///                       answer it is not known whether the node has taken the bytes.

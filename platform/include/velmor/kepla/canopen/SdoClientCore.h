@@ -32,8 +32,10 @@ struct SdoResult {
     SdoOutcome outcome = SdoOutcome::Cancelled;
     std::uint32_t abortCode = 0; ///< Of the node or of this client; 0 when done.
     bool requestSent =
-        false;              ///< False: the node has never seen the request, and even a write may be repeated.
-    char const* words = ""; ///< What happened, for the user; static text.
+        false;            ///< False: the node has never seen the request, and even a write may be repeated.
+    bool refused = false; ///< Aborted in answer to the request itself: nothing has been transferred.
+    bool sizeIsOpen = false; ///< The node sent four bytes without saying how many of them count.
+    char const* words = "";  ///< What happened, for the user; static text.
 };
 
 /// Frames that were not an answer to what was asked, by why.

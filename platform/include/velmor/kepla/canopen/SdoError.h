@@ -31,14 +31,20 @@ private:
 /// The node refused.
 class SdoAbortError : public SdoError {
 public:
-    /// @param aCode  The abort code of the node.
-    SdoAbortError(std::uint8_t aNode, SdoObject aObject, std::uint32_t aCode);
+    /// @param aCode     The abort code of the node.
+    /// @param aRefused  Whether it came in answer to the request itself.
+    SdoAbortError(std::uint8_t aNode, SdoObject aObject, std::uint32_t aCode, bool aRefused);
 
     /// @return The abort code.
     std::uint32_t code() const noexcept { return mCode; }
 
+    /// @return Whether the node refused the request itself, so that nothing has been transferred; false in
+    ///         the middle of a transfer.
+    bool refused() const noexcept { return mRefused; }
+
 private:
     std::uint32_t mCode;
+    bool mRefused;
 };
 
 /// The node did not answer in time.
