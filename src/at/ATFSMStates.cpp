@@ -35,8 +35,6 @@ constexpr char const* kCategory = "Temperature";
 constexpr nanoseconds kHoldBeforeRamp{299'999'999};
 constexpr nanoseconds kFlush{5'000'000'000};
 constexpr nanoseconds kHoldBeforeOff{300'000'000}; // Intended: not the same as before the ramp.
-constexpr milliseconds kStepPeriod{500};
-constexpr milliseconds kTimeout{10000};
 
 /// @return What was thrown, if anything was.
 template <typename Step>
@@ -98,8 +96,24 @@ bool FSMAT::isTargetAboveStartThreshold() {
     return above;
 }
 
+bool FSMAT::watchGas() {
+    bool const saw = flowController()->sawGas();
+    if (!saw) {
+        endHeating();
+    }
+    return saw;
+}
+
+void FSMAT::endHeating() {
+    if (!board()->probeTemperatureRegulation()) {
+        return;
+    }
+    keplaDoLog(Severity::Warning, "No gas flows: turning off regulation", {});
+    board()->setProbeTemperatureRegulation(false);
+}
+
 void FSMAT::initiate_impl() {
-    guarded([this] { Machine::initiate(); });
+    guarded(false, [this] { Machine::initiate(); });
 }
 
 void FSMAT::process_event_impl(boost::statechart::event_base const& aEvent) {
@@ -111,24 +125,33 @@ void FSMAT::process_event_impl(boost::statechart::event_base const& aEvent) {
                    ++mLostEvents);
         return;
     }
-    guarded([&] { Machine::process_event(aEvent); });
+    guarded(isOfTransfer(aEvent), [&] { Machine::process_event(aEvent); });
+}
+
+/// Whether somebody may wait for what comes of an event.
+bool FSMAT::isOfTransfer(boost::statechart::event_base const& aEvent) const {
+    auto const type = aEvent.dynamic_type();
+    return type == EvPrepareTransfer::static_type() || type == EvCompleteTransfer::static_type() ||
+           state_cast<SampleExchangeMetaState const*>() != nullptr;
 }
 
 /// Runs what may throw out of a state.
 template <typename Step>
-void FSMAT::guarded(Step const& aStep) {
+void FSMAT::guarded(bool aSomebodyMayWait, Step const& aStep) {
     if (auto const failure = failureOf(aStep)) {
-        contain(*failure);
+        contain(aSomebodyMayWait, *failure);
     }
 }
 
-void FSMAT::contain(std::string const& aReason) {
+void FSMAT::contain(bool aSomebodyMayWait, std::string const& aReason) {
     keplaDoLog(Severity::Critical,
                "The AT state machine failed, it switches heating and gas off and begins anew; events that it "
                "has deferred are lost: %s",
                {}, aReason);
     beginAnew();
-    transfer().resultPrepareOrCompleteTransfer(false);
+    if (aSomebodyMayWait) {
+        transfer().resultPrepareOrCompleteTransfer(false);
+    }
     auto const tell = [this] { listener()->probeTemperatureStatusChanged(GlobalStatus::Error); };
     if (auto const failure = failureOf(tell)) { // Last, so that the status stays.
         keplaDoLog(Severity::Critical, "Could not tell of the failure: %s", {}, *failure);
@@ -136,19 +159,32 @@ void FSMAT::contain(std::string const& aReason) {
 }
 
 void FSMAT::beginAnew() {
-    makeSafe();
+    if (!makeSafe()) {
+        return; // `Off` would end the gas. The next event tries again.
+    }
     if (auto const failure = failureOf([this] { Machine::initiate(); })) {
         keplaDoLog(Severity::Critical, "The AT state machine cannot begin anew yet: %s", {}, *failure);
     }
 }
 
 /// As far as the board lets us: a step of the power-off that fails must not keep the heating on.
-void FSMAT::makeSafe() noexcept {
+/// @return Whether the heating has ended.
+bool FSMAT::makeSafe() noexcept {
     auto const failure = failureOf([this] { ATHardPowerOff(board()); });
     if (!failure) {
-        return;
+        return true;
     }
     keplaDoLog(Severity::Critical, "Could not switch heating and gas off: %s", {}, *failure);
+    if (!endHeatingSomehow()) {
+        return false; // Gas must not end while something may be hot.
+    }
+    if (auto const reason = failureOf([this] { board()->setProbeGasFlow(0); })) {
+        keplaDoLog(Severity::Critical, "Could not switch the gas off: %s", {}, *reason);
+    }
+    return true;
+}
+
+bool FSMAT::endHeatingSomehow() noexcept {
     bool heatingIsOff = true;
     auto const attempt = [&](auto const& aStep) {
         if (auto const reason = failureOf([&] { aStep(*board()); })) {
@@ -159,12 +195,7 @@ void FSMAT::makeSafe() noexcept {
     attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeTemperatureRegulation(false); });
     attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeGasHeatingSpiralRegulation(false); });
     attempt([](TempBoardQ47Ifc& aBoard) { aBoard.setProbeGasHeatingSpiralPower(0.0); });
-    if (!heatingIsOff) {
-        return; // Gas must not end while something may be hot.
-    }
-    if (auto const reason = failureOf([this] { board()->setProbeGasFlow(0); })) {
-        keplaDoLog(Severity::Critical, "Could not switch the gas off: %s", {}, *reason);
-    }
+    return heatingIsOff;
 }
 
 // ------------------------------------------------------------------------------------------ the normal
@@ -275,7 +306,7 @@ void RampTemperatureAndFlow::begin() {
     keplaDoLog(Severity::Trace, "Done...doing ramp step", {});
     if (doRampStep(milliseconds(0), true)) {
         keplaDoLog(Severity::Info, "already at target, going to switch to On state", {});
-        post_event(made<EvAtTarget>());
+        post_event(arrival());
     }
     keplaDoLog(Severity::Trace, "Done... resetting stability", {});
     outermost_context().stabilityMgr().reset();
@@ -314,6 +345,10 @@ result RampTemperatureAndFlow::react(EvTimerTick const& aEvent) {
     return transit<On>();
 }
 
+result RampTemperatureAndFlow::react(EvAtTarget const& aEvent) {
+    return isOwn(aEvent) ? transit<On>() : discard_event();
+}
+
 On::On(my_context aContext)
     : Logger("AT FSM: On", kCategory)
     , my_base(aContext)
@@ -324,12 +359,22 @@ On::On(my_context aContext)
     listener.probeTemperatureGasStatusChanged(GasStatus::On);
 }
 
+/// Better an error and `Off` than a state that says it holds a temperature and does not.
+result On::react(EvTimerTick const& /*aEvent*/) {
+    if (!outermost_context().watchGas()) {
+        keplaDoLog(Severity::Error, "No gas flows any more: by the user, or by an error of the flow box", {});
+        throw std::runtime_error("No gas flows, the probe cannot be heated");
+    }
+    return discard_event();
+}
+
 RampToOffTemperatureAndFlow::RampToOffTemperatureAndFlow(my_context aContext)
     : Logger("AT FSM: RampToOffTemperatureAndFlow", kCategory)
     , my_base(aContext)
     , ATStateLog("Exiting RampToOffTemperatureAndFlow")
     , StateWithRamp(outermost_context()) {
     keplaDoLog(Severity::Info, "Entering RampToOffTemperatureAndFlow", {});
+    outermost_context().watchGas(); // A ramp without gas comes here, too.
     listener().probeTemperatureGasStatusChanged(GasStatus::Ramping);
     listener().probeTemperatureControlStatusChanged(ControlStatus::Ramping);
     listener().probeTemperatureStabilityChanged(TemperatureStability::NotYetStable);
@@ -345,18 +390,19 @@ RampToOffTemperatureAndFlow::RampToOffTemperatureAndFlow(my_context aContext)
     keplaDoLog(Severity::Debug, "Ramp to off: current probe temperature is %fK", {}, probe);
     if (mTarget >= probe) {
         keplaDoLog(Severity::Info, "Ramp to off: already at or below target", {});
-        post_event(made<EvAtTarget>());
+        post_event(arrival());
         return;
     }
     resetRamp(mTarget);
     if (doRampStep(milliseconds(0), false)) {
         keplaDoLog(Severity::Debug, "Ramp to off: already reached target", {});
-        post_event(made<EvAtTarget>());
+        post_event(arrival());
     }
 }
 
 result RampToOffTemperatureAndFlow::react(EvTimerTick const& aEvent) {
     try {
+        outermost_context().watchGas();
         double const probe = board().probeTemperature();
         keplaDoLog(Severity::Debug, "Ramp to off: current probe's temperature is %fK", {}, probe);
         if (!(probe > mTarget)) {
@@ -375,6 +421,10 @@ result RampToOffTemperatureAndFlow::react(EvTimerTick const& aEvent) {
     return transit<FlushBeforePowerOff>();
 }
 
+result RampToOffTemperatureAndFlow::react(EvAtTarget const& aEvent) {
+    return isOwn(aEvent) ? transit<FlushBeforePowerOff>() : discard_event();
+}
+
 FlushBeforePowerOff::FlushBeforePowerOff(my_context aContext)
     : Logger("AT FSM: FlushBeforePowerOff", kCategory)
     , my_base(aContext)
@@ -383,6 +433,7 @@ FlushBeforePowerOff::FlushBeforePowerOff(my_context aContext)
 }
 
 result FlushBeforePowerOff::react(EvTimerTick const& aEvent) {
+    outermost_context().watchGas();
     nanoseconds const sum = mTime.add(aEvent.elapsed);
     if (sum <= kFlush) {
         return discard_event();
@@ -406,6 +457,7 @@ HoldBeforePowerOff::HoldBeforePowerOff(my_context aContext)
 }
 
 result HoldBeforePowerOff::react(EvTimerTick const& aEvent) {
+    outermost_context().watchGas();
     nanoseconds const sum = mTime.add(aEvent.elapsed);
     if (sum <= kHoldBeforeOff) {
         return discard_event();
@@ -478,7 +530,7 @@ bool SampleExchangeEnter::readFlow(std::uint8_t& aIndex, bool& aHold) {
 result SampleExchangeEnter::react(EvTimerTick const& aEvent) {
     FSMAT const& machine = outermost_context();
     keplaDoLog(Severity::Trace, "SampleExchangeEnter: got timer tick with %u ms", {}, aEvent.elapsed.count());
-    mElapsed += aEvent.elapsed;
+    mTime.add(aEvent.elapsed);
     std::uint8_t index = 0;
     bool hold = false;
     if (!readFlow(index, hold)) {
@@ -486,7 +538,7 @@ result SampleExchangeEnter::react(EvTimerTick const& aEvent) {
         return transit<HardPowerOff>();
     }
     keplaDoLog(Severity::Trace, "SampleExchangeEnter: swFlowIndex = %d, gasHold = %d", {}, index, hold);
-    if (mElapsed > kTimeout) {
+    if (mTime.isTimeout()) {
         keplaDoLog(Severity::Error,
                    "Failed to reduce gas flow to 0 for sample exchange. Software flow index is %u, hardware "
                    "flow index %u",
@@ -501,7 +553,7 @@ result SampleExchangeEnter::react(EvTimerTick const& aEvent) {
         machine.transfer().resultPrepareOrCompleteTransfer(true);
         return transit<SampleExchange>();
     }
-    return mElapsed <= kStepPeriod ? discard_event() : reduce(index, hold);
+    return mTime.isOver() ? reduce(index, hold) : discard_event();
 }
 
 result SampleExchangeEnter::reduce(std::uint8_t aIndex, bool aHold) {
@@ -514,7 +566,7 @@ result SampleExchangeEnter::reduce(std::uint8_t aIndex, bool aHold) {
                aIndex, aHold);
     FSMAT const& machine = outermost_context();
     if (machine.flowController()->setFlowFromSMSampleExchange(aIndex, aHold)) {
-        mElapsed = milliseconds(0);
+        mTime.accept(aIndex, aHold);
         return discard_event();
     }
     // Intended: "will retry", though nothing is tried again in this exchange.
@@ -582,41 +634,32 @@ SampleExchangeExit::SampleExchangeExit(my_context aContext)
 
 result SampleExchangeExit::react(EvTimerTick const& aEvent) {
     keplaDoLog(Severity::Trace, "SampleExchangeExit: got timer tick with %u ms", {}, aEvent.elapsed.count());
-    mElapsed += aEvent.elapsed;
-    if (mElapsed > kTimeout) {
+    mTime.add(aEvent.elapsed);
+    if (mTime.isTimeout()) {
         keplaDoLog(Severity::Error, "Failed to restore gas flow, timeout", {});
         throw std::runtime_error("Could not restore AT gas flow after sample exchange.");
     }
     auto& gas = *outermost_context().flowController();
     auto const [index, hold] = gas.actualFlowIndex();
-    if (index == 0 && !hold) {
-        endHeating();
+    // The regulation may still be on where the completion came before a tick had seen that the gas was off,
+    // and a second exchange that begins then finds no gas to restore.
+    bool const gasIsOff = index == 0 && !hold;
+    if (gasIsOff && outermost_context().sampleExchangeInfo()->RegulationEnabled) {
+        outermost_context().endHeating();
     }
     if (index >= mTargetIndex && hold == mTargetHold) {
         return arrive();
     }
-    if (mElapsed <= kStepPeriod) {
+    if (!mTime.isOver()) {
         return discard_event();
     }
     if (mTargetIndex != 0 && hold != mTargetHold) {
         keplaDoLog(Severity::Info, "SampleExchangeExit: set hold gas flow", {});
         gas.setFlowFromSMSampleExchange(index, mTargetHold); // What comes of it shows at the next tick.
-        mElapsed = milliseconds(0);
+        mTime.accept(index, mTargetHold);
         return discard_event();
     }
     return raise(static_cast<std::uint8_t>(index + 1), mTargetHold);
-}
-
-/// The regulation may still be on where the completion came before a tick had seen that the gas was off, and
-/// a second exchange that begins then finds no gas to restore. So the tick that sees no gas ends the heating
-/// here as it does on the way in.
-void SampleExchangeExit::endHeating() {
-    FSMAT const& machine = outermost_context();
-    if (!machine.sampleExchangeInfo()->RegulationEnabled || !machine.board()->probeTemperatureRegulation()) {
-        return;
-    }
-    keplaDoLog(Severity::Warning, "SampleExchangeExit: no gas flows, turning off regulation", {});
-    machine.board()->setProbeTemperatureRegulation(false);
 }
 
 result SampleExchangeExit::arrive() {
@@ -641,7 +684,7 @@ result SampleExchangeExit::raise(std::uint8_t aIndex, bool aHold) {
     keplaDoLog(Severity::Info, "SampleExchangeExit: increasing gas hw flow index to %u", {}, aIndex);
     FSMAT const& machine = outermost_context();
     if (machine.flowController()->setFlowFromSMSampleExchange(aIndex, aHold)) {
-        mElapsed = milliseconds(0);
+        mTime.accept(aIndex, aHold);
         return discard_event();
     }
     machine.transfer().resultPrepareOrCompleteTransfer(false);

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -58,7 +59,11 @@ struct EvEnable : boost::statechart::event<EvEnable> {};
 struct EvDisable : boost::statechart::event<EvDisable> {};
 /// The target itself is in ATFSMParameters.
 struct EvSetTargetTemperature : boost::statechart::event<EvSetTargetTemperature> {};
-struct EvAtTarget : boost::statechart::event<EvAtTarget> {};
+struct EvAtTarget : boost::statechart::event<EvAtTarget> {
+    explicit EvAtTarget(unsigned aRamp)
+        : ramp(aRamp) {}
+    unsigned ramp; ///< Serial number of the ramp that has arrived.
+};
 struct EvTimerTick : boost::statechart::event<EvTimerTick> {
     explicit EvTimerTick(std::chrono::milliseconds aElapsed)
         : elapsed(aElapsed) {}
@@ -132,11 +137,35 @@ private:
     std::chrono::nanoseconds mSum{0};
 };
 
+/// The time of an exchange's step. It begins anew with each step that is accepted, but not with the same one
+/// again: a box that accepts a step and does not follow makes no progress.
+class StepTime {
+public:
+    void add(std::chrono::milliseconds aElapsed) { mElapsed += aElapsed; }
+    /// Whether the next step may be taken.
+    bool isOver() const { return mElapsed > std::chrono::milliseconds(500); }
+    /// Whether the gas has not followed for too long.
+    bool isTimeout() const { return mElapsed > std::chrono::milliseconds(10000); }
+    /// @param aIndex  Software index of the step that was accepted.
+    /// @param aHold   Its hold flow.
+    void accept(std::uint8_t aIndex, bool aHold) {
+        std::pair const step(aIndex, aHold);
+        if (std::exchange(mAccepted, step) != step) {
+            mElapsed = std::chrono::milliseconds(0);
+        }
+    }
+
+private:
+    std::chrono::milliseconds mElapsed{0};
+    std::optional<std::pair<std::uint8_t, bool>> mAccepted;
+};
+
 } // namespace libfieldwarden::at
 
 /// The outermost context. An exception that leaves a state ends the machine: heating and gas are made safe,
-/// the listener is told of an error, a waiting transfer gets its refusal, and the machine begins anew in
-/// `Off`. Where the board refuses even that, each later event tries again first.
+/// the listener is told of an error, a transfer that may have waited for the event gets its refusal, and the
+/// machine begins anew in `Off`. Where the board refuses even that, each later event tries again first; the
+/// gas stays on until the heating has ended.
 class FSMAT : public boost::statechart::
                   asynchronous_state_machine<FSMAT, NormalMetaState, boost::statechart::fifo_scheduler<>>,
               protected virtual velmor::kepla::log::Logger {
@@ -170,18 +199,32 @@ public:
     /// @return The lower bound in K of board and flow table together.
     double lowestRegulated() const;
 
+    /// @return The serial number of a ramp that begins.
+    unsigned nextRamp() { return ++mLastRamp; }
+    unsigned lastRamp() const { return mLastRamp; }
+
+    /// Ends the heating where no gas was seen last.
+    /// @return Whether gas was seen.
+    bool watchGas();
+
+    /// Ends the heating if it is on, and says that no gas flows.
+    void endHeating();
+
 private:
     using Machine = boost::statechart::state_machine<FSMAT, NormalMetaState>;
 
     void initiate_impl() override;
     void process_event_impl(boost::statechart::event_base const& aEvent) override;
     template <typename Step>
-    void guarded(Step const& aStep);
-    void contain(std::string const& aReason);
-    void makeSafe() noexcept;
+    void guarded(bool aSomebodyMayWait, Step const& aStep);
+    void contain(bool aSomebodyMayWait, std::string const& aReason);
+    bool isOfTransfer(boost::statechart::event_base const& aEvent) const;
+    bool makeSafe() noexcept;
+    bool endHeatingSomehow() noexcept;
     void beginAnew();
 
     libfieldwarden::at::ATFSMParts mParts;
+    unsigned mLastRamp = 0;
     unsigned mLostEvents = 0;
 };
 
@@ -245,24 +288,28 @@ struct RampTemperatureAndFlow : boost::statechart::state<RampTemperatureAndFlow,
                          boost::statechart::transition<EvHardPowerOff, HardPowerOff>,
                          boost::statechart::transition<boost::statechart::exception_thrown, HardPowerOff>,
                          boost::statechart::custom_reaction<EvTimerTick>,
-                         boost::statechart::transition<EvAtTarget, On>,
+                         boost::statechart::custom_reaction<EvAtTarget>,
                          boost::statechart::transition<EvPrepareTransfer, SampleExchangeMetaState>>;
     explicit RampTemperatureAndFlow(my_context aContext);
     boost::statechart::result react(EvSetTargetTemperature const& aEvent);
     boost::statechart::result react(EvTimerTick const& aEvent);
+    boost::statechart::result react(EvAtTarget const& aEvent);
 
 private:
     void begin();
 };
 
+/// Nothing is done here but to see at each tick that the gas still flows.
 struct On : boost::statechart::state<On, NormalMetaState>, private libfieldwarden::at::ATStateLog {
     using reactions =
         boost::mpl::list<boost::statechart::transition<EvSetTargetTemperature, RampTemperatureAndFlow>,
                          boost::statechart::transition<EvDisable, RampToOffTemperatureAndFlow>,
                          boost::statechart::transition<EvHardPowerOff, HardPowerOff>,
                          boost::statechart::transition<boost::statechart::exception_thrown, HardPowerOff>,
+                         boost::statechart::custom_reaction<EvTimerTick>,
                          boost::statechart::transition<EvPrepareTransfer, SampleExchangeMetaState>>;
     explicit On(my_context aContext);
+    boost::statechart::result react(EvTimerTick const& aEvent);
 };
 
 /// A target leads out of it even while the operator has disabled the regulation, as gas flows still; so it
@@ -273,13 +320,14 @@ struct RampToOffTemperatureAndFlow : boost::statechart::state<RampToOffTemperatu
     using reactions =
         boost::mpl::list<boost::statechart::transition<EvEnable, RampTemperatureAndFlow>,
                          boost::statechart::transition<EvSetTargetTemperature, RampTemperatureAndFlow>,
-                         boost::statechart::transition<EvAtTarget, FlushBeforePowerOff>,
+                         boost::statechart::custom_reaction<EvAtTarget>,
                          boost::statechart::custom_reaction<EvTimerTick>,
                          boost::statechart::transition<EvHardPowerOff, HardPowerOff>,
                          boost::statechart::transition<boost::statechart::exception_thrown, HardPowerOff>,
                          boost::statechart::transition<EvPrepareTransfer, SampleExchangeMetaState>>;
     explicit RampToOffTemperatureAndFlow(my_context aContext);
     boost::statechart::result react(EvTimerTick const& aEvent);
+    boost::statechart::result react(EvAtTarget const& aEvent);
 
 private:
     double mTarget = 0.0; ///< Where the ramp to off ends, in K.
@@ -346,7 +394,7 @@ private:
     bool readFlow(std::uint8_t& aIndex, bool& aHold);
     boost::statechart::result reduce(std::uint8_t aIndex, bool aHold);
 
-    std::chrono::milliseconds mElapsed{0}; ///< Since the last accepted step.
+    libfieldwarden::at::StepTime mTime;
 };
 
 struct SampleExchange : boost::statechart::state<SampleExchange, SampleExchangeMetaState>,
@@ -378,13 +426,12 @@ struct SampleExchangeExit : boost::statechart::state<SampleExchangeExit, SampleE
     boost::statechart::result react(EvTimerTick const& aEvent);
 
 private:
-    void endHeating();
     boost::statechart::result arrive();
     boost::statechart::result raise(std::uint8_t aIndex, bool aHold);
 
     std::uint8_t mTargetIndex = 0; ///< Software index.
     bool mTargetHold = false;
-    std::chrono::milliseconds mElapsed{0}; ///< Since the last step.
+    libfieldwarden::at::StepTime mTime;
 };
 
 // NOLINTEND(readability-identifier-naming)

@@ -158,7 +158,19 @@ void FlowController::setStrictMode(bool aStrict) {
 
 void FlowController::applyUserFlow() {
     auto const index = static_cast<unsigned char>(mUserFlowIndex.load());
+    if (index == 0) {
+        endHeating();
+    }
     setFlow(index, index > 0, true);
+}
+
+/// A user may want no gas, but the gas must not end while the probe is heated.
+void FlowController::endHeating() {
+    if (!mBoard->probeTemperatureRegulation()) {
+        return;
+    }
+    keplaDoLog(Severity::Warning, "The user wants no gas: turning off regulation before it ends", {});
+    mBoard->setProbeTemperatureRegulation(false);
 }
 
 std::pair<bool, unsigned char> FlowController::userDefinedFlow() const {
@@ -171,7 +183,33 @@ std::pair<bool, unsigned char> FlowController::userDefinedFlow() const {
 std::pair<unsigned char, bool> FlowController::actualFlowIndex() const {
     unsigned char const hw = mBoard->probeGasFlow();
     ActualFlow const actual = mFlowBox->toSoftwareFlowIndex(hw, mLastActualFlowHardwareIndex);
+    if (actual.hardwareError) {
+        throw std::runtime_error("Flow box hardware error");
+    }
     return {actual.softwareFlowIndex, actual.isHoldFlowEnabled};
+}
+
+bool FlowController::lookForGas() {
+    std::lock_guard const lock(mMutex);
+    unsigned char const hw = mBoard->probeGasFlow();
+    noteGas(hw, mFlowBox->toSoftwareFlowIndex(hw, hw));
+    return mSawGas;
+}
+
+// With the mutex, so that a poll which restores the gas is not seen half way.
+bool FlowController::sawGas() const {
+    std::lock_guard const lock(mMutex);
+    return mSawGas;
+}
+
+/// What flows by a knob that is away is the operator's affair, but the box itself must say so. Version 1 does
+/// not: there any unexpected byte counts as the knob's, also that of a board that has restarted.
+void FlowController::noteGas(unsigned char aHw, ActualFlow const& aActual) {
+    bool const flows = aActual.softwareFlowIndex != 0 || aActual.isHoldFlowEnabled;
+    auto const isKnobsAffair = [&] {
+        return !aActual.isKnobSetToRemote && !mFlowBox->toSoftwareFlowIndex(aHw, aHw).isKnobSetToRemote;
+    };
+    mSawGas = !aActual.hardwareError && (flows || isKnobsAffair());
 }
 
 double FlowController::getActualFlow() {
@@ -186,6 +224,7 @@ bool FlowController::setFlow(unsigned char aFlowIndex, bool aHoldFlow, bool aAll
                aHoldFlow, aAllowHold);
     unsigned char const hw = mBoard->probeGasFlow();
     ActualFlow const actual = mFlowBox->toSoftwareFlowIndex(hw, hw);
+    noteGas(hw, actual);
     if (actual.softwareFlowIndex == aFlowIndex && actual.isHoldFlowEnabled == aHoldFlow) {
         keplaDoLog(Severity::Debug, "setFlow: already there, doing nothing", {});
         return true;
@@ -217,6 +256,7 @@ bool FlowController::setFlowAndVerify(unsigned char aSwFlowIndex, bool aHoldFlow
     ActualFlow const actual = mFlowBox->toSoftwareFlowIndex(readBack, hw);
     keplaDoLog(Severity::Trace, "actual.isKnobSetToRemote=%d, actual.softwareFlowIndex=%u", {},
                actual.isKnobSetToRemote, actual.softwareFlowIndex);
+    noteGas(readBack, actual);
     mFlowErrorReported = false;
     mLastActualFlowHardwareIndex = readBack;
     bool done = true;
@@ -280,6 +320,7 @@ void FlowController::pollATFlowBox() {
     unsigned char const hw = mBoard->probeGasFlow();
     keplaDoLog(Severity::Trace, "~pollATFlowBox: read hardware flow index is %u", {}, hw);
     ActualFlow const actual = mFlowBox->toSoftwareFlowIndex(hw, mLastActualFlowHardwareIndex);
+    noteGas(hw, actual);
     if (actual.hardwareError && !mFlowErrorReported) {
         keplaDoLog(Severity::Error, "~pollATFlowBox: read hardware flow index reports error", {});
         setFlowError();

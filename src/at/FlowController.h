@@ -70,7 +70,7 @@ public:
     bool setFlowFromSMSampleExchange(unsigned char aSwFlowIndex, bool aHoldFlow) override;
 
     /// Puts a flow in the place of the state machine's, until resetFlowFromUser(). In strict mode it is only
-    /// remembered. Blocks 0.3 s longer when the hold gas must come first.
+    /// remembered. No flow ends the heating first. Blocks 0.3 s longer when the hold gas must come first.
     /// @param aFlowLiterPerHour  In l/h, one of the table's.
     /// @throws std::out_of_range  when the table has no such flow.
     void setFlowByUser(double aFlowLiterPerHour);
@@ -82,6 +82,8 @@ public:
     bool isStrictMode() const { return mStrictMode; }
 
     std::pair<unsigned char, bool> actualFlowIndex() const override;
+    bool lookForGas() override;
+    bool sawGas() const override;
 
     /// @return The flow in l/h that the box was last seen to give. Never blocks.
     /// @throws std::out_of_range  when the table has no such flow.
@@ -104,6 +106,8 @@ private:
     bool setFlow(unsigned char aFlowIndex, bool aHoldFlow, bool aAllowHold);
     bool setFlowAndVerify(unsigned char aSwFlowIndex, bool aHoldFlow);
     void applyUserFlow();
+    void endHeating();
+    void noteGas(unsigned char aHw, ActualFlow const& aActual);
     void noteChange(unsigned char aHw, ActualFlow const& aActual);
     void restoreGas(bool aIsHoldFlowEnabled);
     void setFlowState(FlowState aState);
@@ -120,11 +124,12 @@ private:
     std::atomic<std::int32_t> mUserFlowIndex{0};
     std::atomic<std::int32_t> mFSMFlowIndex{0};
     std::atomic<bool> mFSMHold{false};
-    std::mutex mMutex; ///< Held by all that sets the gas, but for setStrictMode(); not recursive.
+    mutable std::mutex mMutex; ///< Held by all that sets the gas, but for setStrictMode(); not recursive.
     std::atomic<FlowState> mFlowState{FlowState::ControlledByFSM};
     std::atomic<std::uint8_t> mLastActualFlowHardwareIndex{0};
     std::atomic<bool> mStrictMode{false};
     std::atomic<bool> mFlowErrorReported{false};
+    std::atomic<bool> mSawGas{false}; ///< Whether what was seen last allows to heat.
     std::unique_ptr<AtFlowBoxIfc> mFlowBox;
     bool mKnobWasRemote = false; ///< At the last poll.
     Channel mStateChannel;

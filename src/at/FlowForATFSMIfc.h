@@ -6,8 +6,9 @@
 
 namespace libfieldwarden::at {
 
-/// The gas as the state machine sees it. Any thread; every operation but userDefinedFlow() blocks for its
-/// transfers to the board, and throws what these throw (std::runtime_error when the board does not answer).
+/// The gas as the state machine sees it. Any thread; every operation but userDefinedFlow() and sawGas()
+/// blocks for its transfers to the board, and throws what these throw (std::runtime_error when the board does
+/// not answer).
 class FlowForATFSMIfc {
 public:
     virtual ~FlowForATFSMIfc() = default;
@@ -36,7 +37,17 @@ public:
     virtual void setStrictMode(bool aStrict) = 0;
 
     /// @return Software index of the main flow, and whether the hold gas flows, as the board tells now.
+    /// @throws std::runtime_error  when the box reports an error: there is no telling what flows.
     virtual std::pair<unsigned char, bool> actualFlowIndex() const = 0;
+
+    /// Asks the board whether the probe may be heated.
+    /// @return Whether main or hold gas flows, or an operator at the box's knob decides about it; never while
+    /// the box reports an error.
+    virtual bool lookForGas() = 0;
+
+    /// @return What lookForGas() would, by the last look, request or poll; of a box that cannot be read back,
+    /// by what was set last. Asks nothing of the board, but waits for a request or poll that is under way.
+    virtual bool sawGas() const = 0;
 
     /// @return Whether the user's flow is set, and its software index. Never blocks.
     virtual std::pair<bool, unsigned char> userDefinedFlow() const = 0;

@@ -12,19 +12,21 @@
 #include <cmath>
 #include <stdexcept>
 
+using libfieldwarden::at::made;
 using velmor::kepla::log::Severity;
 
 namespace {
 constexpr double kStepKelvin = 1.0;
 }
 
-StateWithRamp::StateWithRamp(FSMAT const& aMachine)
+StateWithRamp::StateWithRamp(FSMAT& aMachine)
     : Logger("StateWithRamp", "Temperature") // the state's own name goes before
     , mBoard(aMachine.board())
     , mParameters(aMachine.parameters())
     , mFlows(aMachine.flows())
     , mListener(aMachine.listener())
     , mFlowController(aMachine.flowController())
+    , mSerial(aMachine.nextRamp())
     , mRamp(ATFSMParameters::normalSlope()) {}
 
 void StateWithRamp::resetRamp(double aTarget) {
@@ -76,6 +78,7 @@ bool StateWithRamp::doRampStep(std::chrono::milliseconds aElapsed, bool aForce) 
         value = mFinalTarget; // also where that is outside of the ramp
     } else if (!aForce && std::abs(setPoint - value) < kStepKelvin) {
         keplaDoLog(Severity::Trace, "doRampStep: delta to current target is too low, skipping this step", {});
+        refuseToHeatWithoutGas(mFlowController->sawGas());
         return false;
     }
     setTargetTemperatureAndFlow(value);
@@ -90,21 +93,35 @@ void StateWithRamp::setTargetTemperatureAndFlow(double aKelvin) {
     // The gas goes first, on the way up as on the way down, and the hold gas stays.
     if (!mFlowController->setFlowFromSM(static_cast<unsigned char>(flow.index), true)) {
         keplaDoLog(Severity::Error, "StateWithRamp: failed to set the gas flow", {});
-        throw std::runtime_error("Failed to set the gas flow");
+        giveUp();
     }
-    refuseToHeatWithoutGas();
+    // A flow counts as set also while a user's is in its place, which may be none, and behind a board that
+    // has restarted, which is not given the same byte anew.
+    refuseToHeatWithoutGas(mFlowController->lookForGas());
     mBoard->setTargetProbeTemperature(aKelvin);
 }
 
-/// The machine's flow counts as set while a user's is in its place; but that one is gone after a power-off,
-/// and it may be none.
-void StateWithRamp::refuseToHeatWithoutGas() const {
-    if (!mFlowController->userDefinedFlow().first) {
-        return;
+void StateWithRamp::refuseToHeatWithoutGas(bool aIsGasThere) {
+    if (!aIsGasThere) {
+        keplaDoLog(Severity::Error, "StateWithRamp: no gas flows, the probe must not be heated", {});
+        giveUp();
     }
-    auto const [index, hold] = mFlowController->actualFlowIndex();
-    if (index == 0 && !hold) {
-        keplaDoLog(Severity::Error, "StateWithRamp: no gas flows in spite of the user's flow", {});
-        throw std::runtime_error("Failed to set the gas flow");
+}
+
+/// The heating ends first: who catches this may take minutes to do so.
+void StateWithRamp::giveUp() {
+    mBoard->setProbeTemperatureRegulation(false);
+    throw std::runtime_error("Failed to set the gas flow");
+}
+
+boost::intrusive_ptr<boost::statechart::event_base const> StateWithRamp::arrival() const {
+    return made<EvAtTarget>(mSerial);
+}
+
+bool StateWithRamp::isOwn(EvAtTarget const& aArrival) const {
+    if (aArrival.ramp != mSerial) {
+        keplaDoLog(Severity::Debug, "It was a former ramp that has arrived", {});
+        return false;
     }
+    return true;
 }

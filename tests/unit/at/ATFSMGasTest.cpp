@@ -46,7 +46,7 @@ constexpr unsigned kSequences = 2'000;
 constexpr unsigned kSequences = 100'000;
 #endif
 
-constexpr auto kFlows = std::to_array<double>({200.0, 400.0, 600.0});
+constexpr auto kFlows = std::to_array<double>({0.0, 200.0, 400.0, 600.0});
 
 /// Heating and gas as numbers; now and then a call fails.
 class GasBoard : public QuietTempBoard {
@@ -61,13 +61,16 @@ public:
     void setProbeTemperatureRegulation(bool aEnabled) override { heats = answer(aEnabled); }
     void setProbeGasHeatingSpiralRegulation(bool aEnabled) override { answer(aEnabled); }
     void setProbeGasHeatingSpiralPower(double aWatt) override { answer(aWatt); }
-    unsigned char probeGasFlow() override { return answer(knob != 0 ? knob : gas); }
+    unsigned char probeGasFlow() override { return answer(readBack()); }
     void setProbeGasFlow(unsigned char aFlow) override {
-        answer(aFlow);
+        if (aFlow == mWritten) {
+            return; // The library's board does not write the same byte again, either.
+        }
+        mWritten = answer(aFlow);
         if (gas != 0 && aFlow == 0 && heats) {
             ++cutWhileHot;
         }
-        gas = aFlow;
+        gas = isBoxWithoutPower ? 0 : aFlow;
     }
     std::pair<double, double> probeGasRegulatedTemperatureRange() const override {
         return answer(std::pair<double, double>(280.0, 400.0));
@@ -75,15 +78,34 @@ public:
 
     bool heatsWithoutGas() const { return heats && gas == 0 && knob == 0; }
 
+    /// Closes the gas and ends the heating; nobody tells the library.
+    void restart() {
+        gas = 0;
+        heats = false;
+    }
+
+    /// Closes all valves of a box that can tell; with power again they stay closed until they are set.
+    void setPower(bool aPower) {
+        isBoxWithoutPower = !aPower;
+        gas = 0;
+        knob = 0;
+    }
+
     double probe = 300.0;
     double target = 292.15;
     bool heats = false;
     unsigned char gas = 0;
     unsigned char knob = 0; ///< What the box gives and reports while its knob is turned away; 0 at remote.
+    bool isBoxWithoutPower = false;
     unsigned cutWhileHot = 0;
     unsigned failuresInAThousand = 0;
 
 private:
+    unsigned char readBack() const {
+        unsigned char const open = knob != 0 ? knob : gas;
+        return isBoxWithoutPower ? 255 : open;
+    }
+
     template <typename Value>
     Value answer(Value aValue) const {
         if (failuresInAThousand != 0 && mRandom() % 1000 < failuresInAThousand) {
@@ -93,6 +115,7 @@ private:
     }
 
     std::mt19937& mRandom;
+    unsigned char mWritten = 0;
 };
 
 enum class Generation { Prototype, V1, V2 };
@@ -121,7 +144,6 @@ public:
             R"(<value>335</value><value>400</value></group>)"
             R"(<group name="FlowForTemperature"><value>0</value><value>0</value><value>335</value>)"
             R"(<value>350</value><value>600</value></group></record>)"));
-        auto const listener = std::make_shared<TemperatureListenerSync>(0.001, 0.1);
         gas = std::make_shared<FlowController>(board, mFlows, listener, makeBox(aGeneration),
                                                std::make_shared<FakePeriodicCallers>(),
                                                std::make_shared<NullDataLogger>());
@@ -152,17 +174,36 @@ public:
         handle<EvCompleteTransfer>();
     }
 
+    /// A second as it goes: the box is looked at, and the machine gets its tick.
+    void second() {
+        poll();
+        tick();
+    }
+    /// The periodic worker logs what a poll throws, and goes on.
+    void poll() {
+        try {
+            gas->pollATFlowBox();
+        } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): as it is
+        }
+    }
+
     template <typename State>
     bool in() {
-        return dynamic_cast<FSMAT&>(**mProcessor.lock()).state_cast<State const*>() != nullptr;
+        return machine().state_cast<State const*>() != nullptr;
     }
+    /// Whether a board that refuses to end the heating keeps the machine from going on.
+    bool standsStill() { return machine().terminated(); }
+    bool hasGivenUp() { return listener->temperatureStatus() == ProbeTemperatureGlobalStatus::Error; }
 
     std::mt19937 random{20240613}; // NOLINT: the same sequences each time
     std::shared_ptr<GasBoard> board = std::make_shared<GasBoard>(random);
     std::shared_ptr<FlowController> gas;
     std::shared_ptr<ATFSMParameters> parameters = std::make_shared<ATFSMParameters>();
+    std::shared_ptr<TemperatureListenerSync> listener = std::make_shared<TemperatureListenerSync>(0.001, 0.1);
 
 private:
+    FSMAT& machine() { return dynamic_cast<FSMAT&>(**mProcessor.lock()); }
+
     std::shared_ptr<velmor::platform::Clock> mFormer;
     std::shared_ptr<ATFlowTable> mFlows = std::make_shared<ATFlowTable>();
     boost::statechart::fifo_scheduler<> mScheduler{false};
@@ -218,11 +259,11 @@ TEST(ATFSMGas, EndsTheHeatingOfAnExchangeThatBeginsInTheMiddleOfAnother) {
     machine.tick();
     EXPECT_TRUE(machine.in<On>());
     EXPECT_FALSE(machine.board->heats);
-    EXPECT_TRUE(log.has(Severity::Warning, "SampleExchangeExit: no gas flows, turning off regulation"));
-    machine.board->probe = 300.0;
-    machine.handle<EvDisable>();
-    machine.ticks(7);
-    EXPECT_TRUE(machine.in<Off>());
+    EXPECT_TRUE(log.has(Severity::Warning, "No gas flows: turning off regulation"));
+    machine.tick();
+    EXPECT_TRUE(machine.in<Off>()) << "rather than to hold what it does not";
+    EXPECT_TRUE(machine.hasGivenUp());
+    reachOn(machine);
 }
 
 /// Gas and heating come back all the same where a single exchange is completed half way.
@@ -262,7 +303,7 @@ TEST(ATFSMGas, RefusesToRampOnAUsersFlowThatIsGone) {
         machine.handle<EvEnable>();
         EXPECT_TRUE(machine.in<Off>());
         EXPECT_FALSE(machine.board->heats);
-        EXPECT_TRUE(log.has(Severity::Error, "StateWithRamp: no gas flows in spite of the user's flow"));
+        EXPECT_TRUE(log.has(Severity::Error, "StateWithRamp: no gas flows, the probe must not be heated"));
         reachOn(machine); // The next enable forgets the user's flow.
     }
 }
@@ -277,10 +318,210 @@ TEST(ATFSMGas, RampsOnAUsersFlowThatIsThere) {
     EXPECT_EQ(machine.board->gas, 4);
 }
 
+// -------------------------------------------------------------------------------------- gas that goes away
+
+constexpr auto kGenerations =
+    std::to_array<Generation>({Generation::Prototype, Generation::V1, Generation::V2});
+constexpr auto kThatTell = std::to_array<Generation>({Generation::V1, Generation::V2});
+
+/// The end that a user sees: an error, all off, and the next enable works.
+void expectGivenUp(GasMachine& aMachine) {
+    EXPECT_TRUE(aMachine.in<Off>());
+    EXPECT_TRUE(aMachine.hasGivenUp());
+    EXPECT_FALSE(aMachine.board->heats);
+    EXPECT_EQ(aMachine.board->gas, 0);
+    reachOn(aMachine);
+    EXPECT_FALSE(aMachine.hasGivenUp());
+}
+
+/// The byte is not written anew, as the library takes it for the present one.
+TEST(ATFSMGas, DoesNotRampBehindABoardThatHasRestarted) {
+    for (Generation const generation : kGenerations) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.board->restart();
+        machine.handle<EvSetTargetTemperature>();
+        expectGivenUp(machine);
+    }
+}
+
+TEST(ATFSMGas, LeavesOnBehindABoardThatHasRestarted) {
+    for (Generation const generation : kThatTell) {
+        GasMachine machine(generation);
+        machine.poll();
+        reachOn(machine);
+        machine.board->restart();
+        LogCapture log;
+        machine.second();
+        EXPECT_TRUE(
+            log.has(Severity::Error, "No gas flows any more: by the user, or by an error of the flow box"));
+        EXPECT_TRUE(
+            log.has(Severity::Critical,
+                    "The AT state machine failed, it switches heating and gas off and begins anew; "
+                    "events that it has deferred are lost: No gas flows, the probe cannot be heated"));
+        expectGivenUp(machine);
+    }
+}
+
+TEST(ATFSMGas, LeavesOnWhenTheBoxHasNoPower) {
+    for (Generation const generation : kThatTell) {
+        GasMachine machine(generation);
+        machine.poll();
+        reachOn(machine);
+        machine.board->setPower(false);
+        LogCapture log;
+        machine.second();
+        EXPECT_TRUE(log.has(Severity::Warning, "No gas flows: turning off regulation"));
+        EXPECT_FALSE(machine.board->heats);
+        machine.board->setPower(true);
+        expectGivenUp(machine);
+    }
+}
+
+/// However the reports of a lasting error alternate, each state ends the heating within a second.
+TEST(ATFSMGas, EndsTheHeatingInEachStateWhenTheBoxHasNoPower) {
+    for (Generation const generation : kThatTell) {
+        for (double const probe : {300.0, 308.15, 330.0}) {
+            for (int polls = 1; polls < 4; ++polls) {
+                GasMachine machine(generation);
+                machine.poll();
+                reachOn(machine);
+                machine.board->probe = 330.0;
+                machine.handle<EvDisable>(); // a long way down
+                machine.board->probe = probe;
+                machine.board->setPower(false);
+                for (int poll = 0; poll < polls; ++poll) {
+                    machine.poll();
+                }
+                machine.tick();
+                EXPECT_FALSE(machine.board->heats);
+            }
+        }
+    }
+}
+
+TEST(ATFSMGas, EndsTheHeatingOfARampBetweenItsSteps) {
+    for (Generation const generation : kThatTell) {
+        GasMachine machine(generation);
+        machine.poll();
+        machine.handle<EvEnable>(); // from 300 K to 310 K
+        machine.tick();
+        ASSERT_TRUE(machine.in<RampTemperatureAndFlow>());
+        machine.board->setPower(false);
+        machine.second(); // far too early for the next kelvin
+        EXPECT_FALSE(machine.board->heats);
+        machine.ticks(7);
+        EXPECT_FALSE(machine.in<RampTemperatureAndFlow>());
+    }
+}
+
+TEST(ATFSMGas, EndsTheHeatingBeforeAUserEndsTheGas) {
+    for (Generation const generation : kGenerations) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.gas->setFlowByUser(0.0);
+        EXPECT_FALSE(machine.board->heats);
+        EXPECT_EQ(machine.board->gas, 0);
+        EXPECT_EQ(machine.board->cutWhileHot, 0U);
+        machine.tick();
+        expectGivenUp(machine);
+    }
+}
+
+TEST(ATFSMGas, EndsTheHeatingBeforeAnExchangeGivesTheGasBackToAUserWhoWantsNone) {
+    for (Generation const generation : kThatTell) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.handle<EvPrepareTransfer>();
+        machine.ticks(3);
+        ASSERT_FALSE(machine.board->heats);
+        machine.board->cutWhileHot = 0;  // The way in ends the gas first.
+        machine.gas->setFlowByUser(0.0); // put off
+        machine.complete(true);
+        machine.ticks(3);
+        EXPECT_FALSE(machine.in<SampleExchangeExit>());
+        EXPECT_FALSE(machine.board->heats);
+        EXPECT_EQ(machine.board->cutWhileHot, 0U);
+        machine.tick();
+        expectGivenUp(machine);
+    }
+}
+
+TEST(ATFSMGas, EndsTheHeatingBeforeARefusedExchangeGivesTheGasBackToAUserWhoWantsNone) {
+    GasMachine machine(Generation::V2);
+    reachOn(machine);
+    machine.handle<EvPrepareTransfer>();
+    machine.gas->setFlowByUser(0.0);
+    machine.board->knob = 102; // which strict mode takes for a failure
+    machine.tick();
+    ASSERT_TRUE(machine.in<On>());
+    EXPECT_FALSE(machine.board->heats);
+    EXPECT_EQ(machine.board->cutWhileHot, 0U);
+    machine.board->knob = 0;
+    machine.second();
+    expectGivenUp(machine);
+}
+
+/// Version 1 reads its error as index 254, version 2 as hold flow: both look as if the gas were back.
+TEST(ATFSMGas, TakesNoErrorOfTheBoxForGasThatCameBack) {
+    for (Generation const generation : kThatTell) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.handle<EvPrepareTransfer>();
+        machine.ticks(3);
+        machine.complete(true);
+        machine.board->setPower(false);
+        machine.tick();
+        EXPECT_FALSE(machine.board->heats);
+        machine.board->setPower(true);
+        expectGivenUp(machine);
+    }
+}
+
+TEST(ATFSMGas, CutsAllWhenTheBoxHasNoPowerOnTheWayIntoAnExchange) {
+    for (Generation const generation : kThatTell) {
+        GasMachine machine(generation);
+        reachOn(machine);
+        machine.handle<EvPrepareTransfer>();
+        machine.board->setPower(false);
+        machine.tick();
+        EXPECT_TRUE(machine.in<HardPowerOff>());
+        EXPECT_FALSE(machine.board->heats);
+    }
+}
+
+/// The byte of a board that has restarted is not written anew; the box seems to accept step upon step.
+TEST(ATFSMGas, GivesUpAnExchangeWhoseBoardHasRestartedOnTheWayBack) {
+    GasMachine machine(Generation::V2);
+    reachOn(machine);
+    machine.handle<EvPrepareTransfer>();
+    machine.ticks(3);
+    machine.complete(true);
+    machine.tick(); // hold flow
+    machine.board->restart();
+    machine.ticks(15);
+    expectGivenUp(machine);
+}
+
+/// What a user asked for in the exchange starts the machine from the error that the exchange ended with.
+TEST(ATFSMGas, EnablesWithGasWhereAnExchangeEndedInAPowerOff) {
+    GasMachine machine(Generation::V2);
+    reachOn(machine);
+    machine.handle<EvPrepareTransfer>();
+    machine.handle<EvEnable>();
+    machine.board->probe = 300.0;
+    machine.handle<EvHardPowerOff>();
+    EXPECT_TRUE(machine.in<RampTemperatureAndFlow>());
+    EXPECT_TRUE(machine.board->heats);
+    EXPECT_EQ(machine.board->gas, 2);
+}
+
 // ------------------------------------------------------------------------------------------------- the knob
 
 /// Hold flow and 200 l/h by the knob of version 2.
 constexpr unsigned char kKnobAway = 102;
+/// Nothing, hold flow, 600 l/h.
+constexpr auto kKnobPositions = std::to_array<unsigned char>({100, 101, 104});
 
 struct Place {
     char const* name;
@@ -391,13 +632,15 @@ constexpr int kBoundedTicks = 60;
 class RandomSequences {
 public:
     RandomSequences(Generation aGeneration, unsigned aFailuresInAThousand)
-        : mMachine(aGeneration) {
+        : mGeneration(aGeneration)
+        , mMachine(aGeneration) {
         mMachine.board->failuresInAThousand = aFailuresInAThousand;
     }
 
     /// A sequence of events from a machine that is off, with the way back there.
     void run() {
         unsigned const length = 1 + below(20);
+        mIsPolled = below(2) != 0;
         for (unsigned step = 0; step < length; ++step) {
             happen();
             ASSERT_TRUE(isSafe()) << mWhat;
@@ -416,7 +659,7 @@ private:
         mCutBefore = mMachine.board->cutWhileHot;
         mWasTick = false;
         mMachine.board->probe = 290.0 + below(60);
-        switch (below(11)) {
+        switch (below(mIsPolled ? 16 : 11)) {
             case 0:
                 return said("enable", [&] { mMachine.handle<EvEnable>(); });
             case 1:
@@ -433,9 +676,18 @@ private:
                 return said("complete", [&] { mMachine.complete(below(4) != 0); });
             case 7:
                 return said("user", [&] { callOfUser(); });
+            case 11:
+                return said("poll", [&] { mMachine.poll(); });
+            case 12:
+                return said("restart", [&] { mMachine.board->restart(); });
+            case 13:
+                return said("knob away", [&] { turnKnob(kKnobPositions.at(below(3))); });
+            case 14:
+                return said("knob back", [&] { happenWithin1s([&] { mMachine.board->knob = 0; }); });
+            case 15:
+                return said("power", [&] { happenWithin1s([&] { switchPower(); }); });
             default:
-                mWasTick = true;
-                return said("tick", [&] { mMachine.tick(static_cast<int>(1 + below(3000))); });
+                return said("tick", [&] { tick(); });
         }
     }
 
@@ -445,10 +697,38 @@ private:
         aDo();
     }
 
+    void tick() {
+        mWasTick = true;
+        mGasWasOn = mMachine.board->gas != 0;
+        mMachine.tick(static_cast<int>(1 + below(3000)));
+    }
+
+    /// What nobody can foresee shows within a second, on a board that answers.
+    template <typename What>
+    void happenWithin1s(What aHappen) {
+        unsigned const failures = std::exchange(mMachine.board->failuresInAThousand, 0U);
+        aHappen();
+        mMachine.poll();
+        tick();
+        mMachine.board->failuresInAThousand = failures;
+    }
+
+    /// Only version 2 tells of its knob, and only a box on the port expander of its power.
+    void turnKnob(unsigned char aPosition) {
+        if (mGeneration == Generation::V2 && !mMachine.board->isBoxWithoutPower) {
+            mMachine.board->knob = aPosition;
+        }
+    }
+    void switchPower() {
+        if (mGeneration != Generation::Prototype) {
+            mMachine.board->setPower(mMachine.board->isBoxWithoutPower);
+        }
+    }
+
     /// A user hears of a board that fails.
     void callOfUser() {
         try {
-            mMachine.gas->setFlowByUser(kFlows.at(below(3)));
+            mMachine.gas->setFlowByUser(kFlows.at(below(kFlows.size())));
         } catch (std::exception const&) { // NOLINT(bugprone-empty-catch): and tries again some other time
         }
     }
@@ -457,19 +737,27 @@ private:
 
     /// In an exchange the gas goes first, and the heating with the tick that sees it.
     bool isSafe() {
+        if (mMachine.standsStill()) { // It tries again at each event.
+            return mMachine.board->cutWhileHot == mCutBefore;
+        }
         if (mMachine.board->heatsWithoutGas()) {
             return isInExchange() && (!mWasTick || mGasWasOn);
         }
         return mMachine.board->cutWhileHot == mCutBefore || mWasInExchange;
     }
 
-    /// But for a user who wants some though nothing is regulated.
-    bool isGasOff() { return mMachine.board->gas == 0 || mMachine.gas->userDefinedFlow().first; }
+    /// But for a user who wants some though nothing is regulated, and for the poll that sees the knob back.
+    bool isGasOff() { return mMachine.board->gas == 0 || mMachine.gas->userDefinedFlow().first || mIsPolled; }
 
     /// Whatever happened: the sample is back, and all is disabled.
     void comeBack() {
         unsigned const failures = std::exchange(mMachine.board->failuresInAThousand, 0U);
         mMachine.board->probe = 300.0;
+        mMachine.board->knob = 0;
+        mMachine.board->isBoxWithoutPower = false;
+        if (mIsPolled) {
+            mMachine.poll();
+        }
         mMachine.tick(1); // A machine that stands still begins anew.
         mMachine.complete(true);
         mMachine.handle<EvDisable>();
@@ -491,11 +779,14 @@ private:
         ASSERT_TRUE(mMachine.in<Off>()) << mWhat;
         ASSERT_FALSE(mMachine.board->heats);
         ASSERT_TRUE(isGasOff());
+        mMachine.board->setProbeGasFlow(0);
         mMachine.board->failuresInAThousand = failures;
     }
 
+    Generation const mGeneration;
     GasMachine mMachine;
     char const* mWhat = "";
+    bool mIsPolled = false; ///< In this sequence.
     bool mGasWasOn = false;
     bool mWasInExchange = false;
     bool mWasTick = false;

@@ -148,6 +148,11 @@ public:
         mHappenings.call("actualFlowIndex");
         return {mBoard->index, mBoard->hold};
     }
+    bool lookForGas() override {
+        mHappenings.call("lookForGas");
+        return sawGas();
+    }
+    bool sawGas() const override { return mBoard->index != 0 || mBoard->hold; }
     std::pair<bool, unsigned char> userDefinedFlow() const override { return user; }
 
     bool refuses = false;
@@ -267,6 +272,10 @@ public:
     template <typename State>
     bool in() {
         return fsm().state_cast<State const*>() != nullptr;
+    }
+    /// The news that the last ramp has arrived, or the one before it.
+    auto arrival(unsigned aRampsAgo = 0) {
+        return libfieldwarden::at::made<EvAtTarget>(fsm().lastRamp() - aRampsAgo);
     }
     FSMAT& fsm() { return dynamic_cast<FSMAT&>(**mProcessor.lock()); }
     int status() const { return mHearer->status; }

@@ -48,7 +48,7 @@ constexpr std::array kEventNames{"EvEnable",          "EvDisable",         "EvSe
 
 constexpr std::size_t kPrepare = 6;
 
-Event makeEvent(std::size_t aColumn) {
+Event makeEvent(ATMachine& aMachine, std::size_t aColumn) {
     switch (aColumn) {
         case 0:
             return made<EvEnable>();
@@ -57,7 +57,7 @@ Event makeEvent(std::size_t aColumn) {
         case 2:
             return made<EvSetTargetTemperature>();
         case 3:
-            return made<EvAtTarget>();
+            return aMachine.arrival();
         case 4:
             return made<EvTimerTick>(std::chrono::milliseconds(10)); // too short to end any state by time
         case 5:
@@ -134,7 +134,7 @@ TEST(ATFSMStates, GoWhereTheTableSays) {
             row.reach(machine);
             ASSERT_EQ(stateOf(machine), row.state);
             machine.take();
-            machine.handle(makeEvent(column));
+            machine.handle(makeEvent(machine, column));
             char const* const next = row.next.at(column);
             EXPECT_EQ(stateOf(machine), next == nullptr ? row.state : next);
             bool const isAnswered = std::string(row.state) == "SampleExchange" && column == kPrepare;
@@ -217,7 +217,7 @@ TEST(ATFSMStates, ActOnEntryInThisOrder) {
     EXPECT_THAT(entryOf(reachBegin, [](ATMachine& aMachine) { aMachine.tick(300); }),
                 ElementsAre("regulation 1", "status 1", "control status 1", "gas status 1", "flow 1 1",
                             "target 300.00"));
-    EXPECT_THAT(entryOf(reachRamp, [](ATMachine& aMachine) { aMachine.handle<EvAtTarget>(); }),
+    EXPECT_THAT(entryOf(reachRamp, [](ATMachine& aMachine) { aMachine.handle(aMachine.arrival()); }),
                 ElementsAre("control status 2", "gas status 2"));
     // 330 K down to 308.15 K: the first step would be 0 K, and is left out.
     EXPECT_THAT(entryOf(reachOn, [](ATMachine& aMachine) { aMachine.handle<EvDisable>(); }),
@@ -346,6 +346,47 @@ TEST(ATFSMStates, KeepTheOrderOfWhatTheyPutOff) {
     other.handle<EvEnable>();
     finishExchange(other, true);
     EXPECT_EQ(stateOf(other), kRamp) << "down and up again";
+}
+
+/// The way down is over at once, and says so behind what was put off: by then the next ramp is under way.
+TEST(ATFSMStates, DoNotTakeTheArrivalOfAFormerRampForTheirOwn) {
+    ATMachine machine;
+    reachExchange(machine);
+    machine.board->probe = 300.0;
+    machine.handle<EvDisable>();
+    machine.setTarget(340.0);
+    machine.handle<EvEnable>();
+    finishExchange(machine, false);
+    EXPECT_EQ(stateOf(machine), kRamp) << "from 300 K to 340 K";
+}
+
+/// The ramp is over at once; taken for the end of the way down, that would cut the gas of a hot probe.
+TEST(ATFSMStates, KeepTheGasOfAHotProbeWhoseRampWasOverAtOnce) {
+    ATMachine machine;
+    reachExchange(machine);
+    machine.board->probe = 340.0;
+    machine.setTarget(340.0);
+    machine.handle<EvDisable>();
+    LogCapture log;
+    finishExchange(machine, false);
+    EXPECT_EQ(stateOf(machine), kDown);
+    EXPECT_TRUE(log.has(Severity::Debug, "It was a former ramp that has arrived"));
+    machine.tick(6000);
+    machine.tick(1000);
+    EXPECT_EQ(stateOf(machine), kDown);
+    EXPECT_EQ(machine.board->index, 2);
+}
+
+TEST(ATFSMStates, ListenOnlyToTheirOwnRamp) {
+    for (auto const reach : {reachRamp, reachRampToOff}) {
+        ATMachine machine;
+        reach(machine);
+        auto const state = stateOf(machine);
+        machine.handle(machine.arrival(1));
+        EXPECT_EQ(stateOf(machine), state);
+        machine.handle(machine.arrival());
+        EXPECT_NE(stateOf(machine), state);
+    }
 }
 
 TEST(ATFSMStates, ForgetNothingOfWhatWasPutOffInAnExchangeOfASystemThatIsOff) {
@@ -493,6 +534,30 @@ TEST(ATFSMStates, CutAllWhenTheExchangeTakesTooLong) {
     EXPECT_TRUE(log.has(Severity::Error,
                         "Failed to reduce gas flow to 0 for sample exchange. Software flow index is 2, "
                         "hardware flow index 3"));
+}
+
+/// A box that accepts step upon step and does not follow.
+TEST(ATFSMStates, DoNotTakeTheSameStepAgainForProgress) {
+    ATMachine enter;
+    reachEnter(enter);
+    enter.gas->ignores = true;
+    ATMachine exit;
+    reachExit(exit);
+    exit.gas->ignores = true;
+    for (int step = 0; step < 17; ++step) { // the first one, and 16 times 0.6 s
+        enter.tick(600);
+        exit.tick(600);
+    }
+    EXPECT_TRUE(enter.in<SampleExchangeEnter>());
+    EXPECT_TRUE(exit.in<SampleExchangeExit>());
+    enter.take();
+    exit.take();
+    enter.tick(600); // 10.2 s
+    exit.tick(600);
+    EXPECT_TRUE(enter.in<HardPowerOff>());
+    EXPECT_EQ(enter.take().front(), "transfer 0");
+    EXPECT_TRUE(exit.in<Off>());
+    EXPECT_THAT(exit.take(), Contains("transfer 0"));
 }
 
 TEST(ATFSMStates, CutAllWhenTheFlowCannotBeReadInTheExchange) {
@@ -724,34 +789,46 @@ TEST(ATFSMStates, BeginAnewWhateverEscapes) {
 }
 
 /// Every event in every state, with every tick that ends one.
-std::vector<std::pair<Row, Event>> everythingThatHappens() {
-    std::vector<std::pair<Row, Event>> all;
+std::vector<std::pair<Row, std::function<Event(ATMachine&)>>> everythingThatHappens() {
+    std::vector<std::pair<Row, std::function<Event(ATMachine&)>>> all;
+    auto const tickOf = [](int aMilliseconds) {
+        return [aMilliseconds](ATMachine& /*aMachine*/) {
+            return made<EvTimerTick>(std::chrono::milliseconds(aMilliseconds));
+        };
+    };
     for (Row const& row : kRows) {
         for (std::size_t column = 0; column < kEventNames.size(); ++column) {
-            all.emplace_back(row, makeEvent(column));
+            all.emplace_back(row, [column](ATMachine& aMachine) { return makeEvent(aMachine, column); });
         }
         for (int const milliseconds : {501, 5001, 10001, 60001, 3600000}) {
             bool const throwsByItself = row.reach == reachExit && milliseconds > 10000;
             if (!throwsByItself) {
-                all.emplace_back(row, made<EvTimerTick>(std::chrono::milliseconds(milliseconds)));
+                all.emplace_back(row, tickOf(milliseconds));
             }
         }
     }
     for (auto const reach : {reachEndOfEnter, reachEndOfExit}) {
         all.emplace_back(Row{reach == reachEndOfEnter ? kEnter : "SampleExchangeExit", reach, {}},
-                         made<EvTimerTick>(std::chrono::milliseconds(501)));
+                         tickOf(501));
     }
     return all;
 }
 
+bool isOfTransfer(ATMachine& aMachine, boost::statechart::event_base const& aEvent) {
+    auto const type = aEvent.dynamic_type();
+    return aMachine.in<SampleExchangeMetaState>() || type == EvPrepareTransfer::static_type() ||
+           type == EvCompleteTransfer::static_type();
+}
+
 /// Heating and gas are off, the daemon and who waits are told, and the next enable works.
-void expectContained(ATMachine& aMachine) {
+void expectContained(ATMachine& aMachine, bool aMaySomebodyWait) {
     EXPECT_EQ(stateOf(aMachine), "Off");
     EXPECT_FALSE(aMachine.board->regulates);
     EXPECT_EQ(aMachine.board->index, 0);
     EXPECT_FALSE(aMachine.board->hold);
     EXPECT_EQ(aMachine.status(), 7);
-    EXPECT_THAT(aMachine.take(), Contains("transfer 0"));
+    auto const journal = aMachine.take();
+    EXPECT_EQ(std::find(journal.begin(), journal.end(), "transfer 0") != journal.end(), aMaySomebodyWait);
     aMachine.parameters->setTargetTemperature(340.0);
     aMachine.handle<EvEnable>();
     aMachine.tick(300);
@@ -762,7 +839,7 @@ void expectContained(ATMachine& aMachine) {
 void expectAnySingleCallMayFail(bool aThrowsSomethingElse) {
     unsigned contained = 0;
     unsigned handled = 0;
-    for (auto const& [row, event] : everythingThatHappens()) {
+    for (auto const& [row, makeIt] : everythingThatHappens()) {
         SCOPED_TRACE(row.state);
         unsigned calls = 1;
         for (unsigned failing = 1; failing <= calls; ++failing) {
@@ -770,6 +847,8 @@ void expectAnySingleCallMayFail(bool aThrowsSomethingElse) {
             row.reach(machine);
             machine.take();
             LogCapture log;
+            Event const event = makeIt(machine);
+            bool const maySomebodyWait = isOfTransfer(machine, *event);
             machine.happenings.calls = 0;
             machine.happenings.failingCall = failing;
             machine.happenings.throwsSomethingElse = aThrowsSomethingElse;
@@ -785,7 +864,7 @@ void expectAnySingleCallMayFail(bool aThrowsSomethingElse) {
                 ++handled;
             } else {
                 ++contained;
-                expectContained(machine);
+                expectContained(machine, maySomebodyWait);
             }
         }
     }
@@ -815,7 +894,7 @@ TEST(ATFSMStates, TellWhatEscaped) {
     EXPECT_THAT(machine.take(), ElementsAre("reset user flow", "flow 0 1", "target 292.15", "regulation 0",
                                             "spiral regulation 0", "spiral power 0", "gas 0", "regulation 0",
                                             "gas 0", "status 0", "gas status 0", "measured 0", "operation 0",
-                                            "standby 0", "control status 0", "transfer 0", "status 7"));
+                                            "standby 0", "control status 0", "status 7"));
     EXPECT_EQ(machine.status(), 7);
 }
 
@@ -840,6 +919,57 @@ TEST(ATFSMStates, KeepTheGasWhileTheHeatingCannotBeSwitchedOff) {
     machine.handle<EvHardPowerOff>();
     EXPECT_EQ(machine.board->index, 1);
     EXPECT_TRUE(machine.board->hold);
+    EXPECT_EQ(machine.status(), 7);
+}
+
+/// `Off` itself asks for nothing that the board refuses here, but it would end the gas.
+TEST(ATFSMStates, DoNotBeginAnewWhileTheHeatingCannotBeSwitchedOff) {
+    ATMachine machine;
+    reachRamp(machine);
+    machine.happenings.failing = "spiral power ";
+    machine.handle<EvHardPowerOff>();
+    machine.tick();
+    EXPECT_EQ(stateOf(machine), "");
+    EXPECT_EQ(machine.board->index, 1);
+    EXPECT_TRUE(machine.board->hold);
+    machine.happenings.failing.clear();
+    machine.tick();
+    EXPECT_EQ(stateOf(machine), "Off");
+    EXPECT_EQ(machine.board->index, 0);
+    EXPECT_FALSE(machine.board->hold);
+}
+
+/// It would be taken for the answer to the next transfer.
+TEST(ATFSMStates, GiveNoVerdictThatNobodyAskedFor) {
+    ATMachine machine;
+    reachOn(machine);
+    machine.take();
+    machine.happenings.failing = "range";
+    machine.handle<EvDisable>();
+    EXPECT_EQ(stateOf(machine), "Off");
+    EXPECT_THAT(machine.take(), testing::Not(Contains("transfer 0")));
+    ATMachine asked;
+    reachOn(asked);
+    asked.take();
+    asked.happenings.failing = "probeTemperatureRegulation";
+    asked.handle<EvPrepareTransfer>();
+    EXPECT_EQ(stateOf(asked), "Off");
+    EXPECT_THAT(asked.take(), Contains("transfer 0"));
+}
+
+TEST(ATFSMStates, LeaveOnWhenNoGasIsSeenAnyMore) {
+    ATMachine machine;
+    reachOn(machine);
+    machine.take();
+    machine.tick();
+    EXPECT_THAT(machine.take(), IsEmpty());
+    EXPECT_EQ(stateOf(machine), "On");
+    machine.board->index = 0;
+    EXPECT_EQ(stateOf(machine), "On") << "on hold flow";
+    machine.board->hold = false;
+    machine.tick();
+    EXPECT_EQ(machine.take().front(), "regulation 0");
+    EXPECT_EQ(stateOf(machine), "Off");
     EXPECT_EQ(machine.status(), 7);
 }
 
@@ -869,7 +999,7 @@ TEST(ATFSMStates, NeverHeatWithoutGasAndAlwaysReachOff) {
             if (kind == 4) {
                 machine.tick(static_cast<int>(1 + below(7000)));
             } else if (kind != 3) { // which nobody but the machine posts
-                machine.handle(makeEvent(kind));
+                machine.handle(makeEvent(machine, kind));
             }
             // On its way into an exchange the gas goes first, and the heating with the tick that sees it.
             if (!machine.in<SampleExchangeEnter>() && !machine.in<SampleExchangeExit>()) {

@@ -40,6 +40,7 @@ protected:
             R"(<group name="FlowForTemperature"><value>0</value><value>0</value><value>350</value>)"
             R"(<value>400</value><value>600</value></group></record>)"));
         mFormer = velmor::platform::Clock::use(mClock);
+        mBoard->set("probeTemperatureRegulation", false);
     }
     ~FlowControllerRig() override { velmor::platform::Clock::use(mFormer); }
 

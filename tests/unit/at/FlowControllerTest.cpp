@@ -400,8 +400,42 @@ TEST_F(FlowControllerTest, TurnsAllGasOffForAUserWhoWantsNone) {
     mBoard->set("probeGasFlow", 3);
     auto const controller = makePolled<AtFlowBoxV2>();
     controller->setFlowByUser(0.0);
-    EXPECT_THAT(writes(), ElementsAre("setProbeGasFlow(0)"));
+    EXPECT_THAT(writes(), ElementsAre("probeTemperatureRegulation()", "setProbeGasFlow(0)"));
     EXPECT_EQ(controller->userDefinedFlow(), (std::pair<bool, unsigned char>(true, 0)));
+    EXPECT_THAT(lines(Severity::Warning), IsEmpty());
+}
+
+TEST_F(FlowControllerTest, EndsTheHeatingBeforeTheGasOfAUserWhoWantsNone) {
+    mBoard->set("probeGasFlow", 3);
+    mBoard->set("probeTemperatureRegulation", true);
+    auto const controller = makePolled<AtFlowBoxV2>();
+    controller->setFlowByUser(0.0);
+    EXPECT_THAT(writes(), ElementsAre("probeTemperatureRegulation()", "setProbeTemperatureRegulation(false)",
+                                      "setProbeGasFlow(0)"));
+    EXPECT_THAT(
+        lines(Severity::Warning),
+        ElementsAre(line(Severity::Warning, "The user wants no gas: turning off regulation before it ends")));
+}
+
+TEST_F(FlowControllerTest, EndsTheHeatingOnlyAtTheEndOfStrictModeForAUserWhoWantsNone) {
+    mBoard->set("probeGasFlow", 3);
+    mBoard->set("probeTemperatureRegulation", true);
+    auto const controller = makePolled<AtFlowBoxV2>();
+    controller->setStrictMode(true);
+    controller->setFlowByUser(0.0);
+    EXPECT_THAT(mBoard->takeCalls(), IsEmpty());
+    controller->setStrictMode(false);
+    EXPECT_THAT(writes(), ElementsAre("probeTemperatureRegulation()", "setProbeTemperatureRegulation(false)",
+                                      "setProbeGasFlow(0)"));
+}
+
+TEST_F(FlowControllerTest, KeepsTheGasOfAUserWhoWantsNoneWhileTheHeatingCannotBeEnded) {
+    mBoard->set("probeGasFlow", 3);
+    mBoard->set("probeTemperatureRegulation", true);
+    auto const controller = makePolled<AtFlowBoxV2>();
+    mBoard->fail("setProbeTemperatureRegulation", "no answer");
+    expectThrow<std::runtime_error>([&] { controller->setFlowByUser(0.0); }, "no answer");
+    EXPECT_THAT(writes(), testing::Not(testing::Contains("setProbeGasFlow(0)")));
 }
 
 TEST_F(FlowControllerTest, KeepsAUsersFlowForTheEndOfStrictMode) {
@@ -457,6 +491,60 @@ TEST_F(FlowControllerTest, KnowsTheFlowThatItSawLast) {
     mBoard->set("probeGasFlow", 2);
     EXPECT_EQ(controller->getActualFlow(), 400.0) << "until a poll sees it";
     EXPECT_EQ(controller->actualFlowIndex(), Flow(1, true)) << "asks the board";
+}
+
+TEST_F(FlowControllerTest, TellsNoFlowOfABoxThatReportsAnError) {
+    auto const v1 = make<AtFlowBoxV1>();
+    auto const v2 = make<AtFlowBoxV2>();
+    mBoard->set("probeGasFlow", 255);
+    expectThrow<std::runtime_error>([&] { v1->actualFlowIndex(); }, "Flow box hardware error");
+    expectThrow<std::runtime_error>([&] { v2->actualFlowIndex(); }, "Flow box hardware error");
+}
+
+/// Whether a probe may be heated on what the boxes report.
+TEST_F(FlowControllerTest, SeesGasInMainFlowHoldFlowAndWhatTheKnobGives) {
+    auto const prototype = make<AtFlowBoxPrototype>();
+    auto const v1 = make<AtFlowBoxV1>();
+    auto const v2 = make<AtFlowBoxV2>();
+    struct Row {
+        int hw;
+        bool onPrototype;
+        bool onV1;
+        bool onV2;
+    };
+    for (Row const& row : std::vector<Row>{{0, false, false, false},
+                                           {1, true, true, true},
+                                           {2, true, true, true},
+                                           {10, true, true, false}, // V2: none, hold flow closed
+                                           {14, true, true, true},  // V2: main flow without hold flow
+                                           {20, true, true, false}, // V2: nobody knows this byte
+                                           {100, true, true, true}, // V2: the operator wants none
+                                           {104, true, true, true}, // V2: by the knob
+                                           {255, true, false, false}}) {
+        SCOPED_TRACE(row.hw);
+        mBoard->set("probeGasFlow", row.hw);
+        EXPECT_EQ(prototype->lookForGas(), row.onPrototype);
+        EXPECT_EQ(v1->lookForGas(), row.onV1);
+        EXPECT_EQ(v2->lookForGas(), row.onV2);
+        mBoard->takeCalls();
+        EXPECT_EQ(v2->sawGas(), row.onV2);
+        EXPECT_THAT(mBoard->takeCalls(), IsEmpty());
+    }
+}
+
+TEST_F(FlowControllerTest, RemembersWhetherItSawGasInWhatItSet) {
+    for (bool const isV1 : {false, true}) {
+        mBoard->set("probeGasFlow", 0);
+        auto const controller = isV1 ? make<AtFlowBoxV1>() : make<AtFlowBoxPrototype>();
+        EXPECT_FALSE(controller->sawGas());
+        controller->setFlowFromSM(0, true);
+        EXPECT_TRUE(controller->sawGas());
+        controller->setFlowByUser(0.0);
+        EXPECT_FALSE(controller->sawGas());
+        mBoard->set("probeGasFlow", 2);
+        controller->setFlowByUser(200.0); // already there
+        EXPECT_TRUE(controller->sawGas());
+    }
 }
 
 } // namespace

@@ -189,14 +189,20 @@ TEST(StateWithRamp, SaysWhenTheGasDoesNotFollow) {
     EXPECT_TRUE(log.has(Severity::Error, "StateWithRamp: failed to set the gas flow"));
 }
 
-TEST(StateWithRamp, AsksForTheUsersFlowOnlyWhereThereIsOne) {
+TEST(StateWithRamp, LooksForTheGasAtEachStep) {
     ATMachine machine;
     reachRamp(machine);
-    machine.happenings.failing = "actualFlowIndex";
-    machine.tick(60001);
+    machine.happenings.failing = "lookForGas";
+    machine.tick(59000); // no step yet
     EXPECT_TRUE(machine.in<RampTemperatureAndFlow>());
+    LogCapture log;
+    machine.tick(1001);
+    EXPECT_TRUE(
+        log.has(Severity::Error,
+                "Error while doing ramp step, setting error flag and shutdown AT. Error was no answer"));
 }
 
+/// The heating ends at once, not where the ramp to off ends.
 TEST(StateWithRamp, GivesUpARampWhoseUserTurnsTheGasOff) {
     ATMachine machine;
     machine.board->probe = 330.0;
@@ -205,14 +211,39 @@ TEST(StateWithRamp, GivesUpARampWhoseUserTurnsTheGasOff) {
     machine.gas->ignores = true;
     machine.board->index = 0;
     machine.board->hold = false;
+    machine.take();
     LogCapture log;
     machine.tick(60001);
-    EXPECT_TRUE(log.has(Severity::Error, "StateWithRamp: no gas flows in spite of the user's flow"));
+    EXPECT_TRUE(log.has(Severity::Error, "StateWithRamp: no gas flows, the probe must not be heated"));
     EXPECT_TRUE(
         log.has(Severity::Error,
                 "Error while doing ramp step, setting error flag and shutdown AT. Error was Failed to "
                 "set the gas flow"));
-    machine.tick(60001); // The ramp to off has no gas either.
+    auto const journal = machine.take();
+    ASSERT_GE(journal.size(), 2U);
+    EXPECT_EQ(journal.at(0), "flow 2 1");
+    EXPECT_EQ(journal.at(1), "regulation 0");
+    EXPECT_FALSE(machine.board->regulates);
+    EXPECT_EQ(machine.status(), 7);
+}
+
+TEST(StateWithRamp, EndsTheHeatingWithAFlowThatIsRefused) {
+    ATMachine machine;
+    machine.board->probe = 330.0;
+    reachRamp(machine);
+    machine.gas->refuses = true;
+    machine.take();
+    machine.tick(60001);
+    EXPECT_FALSE(machine.board->regulates);
+    EXPECT_EQ(machine.take().at(1), "regulation 0");
+}
+
+TEST(StateWithRamp, LooksBetweenTheStepsWhetherGasWasSeen) {
+    ATMachine machine;
+    reachRamp(machine);
+    machine.board->index = 0;
+    machine.board->hold = false;
+    machine.tick(1000);
     EXPECT_FALSE(machine.board->regulates);
     EXPECT_EQ(machine.status(), 7);
 }
