@@ -4,6 +4,7 @@
 #include "support/LogCapture.h"
 
 #include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 namespace {
 
 using namespace libfieldwarden::test;
+using namespace std::chrono_literals;
 using ::testing::Contains;
 using Generation = ATInstrument::Generation;
 using Knob = ATInstrument::Knob;
@@ -94,19 +96,40 @@ TEST_P(ATKnobOnInstrument, RestoresTheUsersFlow) {
     EXPECT_EQ(valves(), (Valves{true, 2}));
 }
 
-TEST_P(ATKnobOnInstrument, ComesBackFromAFlowBoxWithoutPower) {
+/// That the valves close is seen within a second; from then on nothing is heated, whatever the box does.
+TEST_P(ATKnobOnInstrument, GivesUpWithAFlowBoxWithoutPowerAndHeatsAgainWhenAsked) {
     ramp(303.0);
     mInstrument.daemon.takeCalls();
     LogCapture log;
     mInstrument.flowBox->fail(true);
     mInstrument.seconds(2);
     EXPECT_TRUE(log.has(Severity::Error, "~pollATFlowBox: read hardware flow index reports error"));
+    EXPECT_TRUE(
+        log.has(Severity::Error, "No gas flows any more: by the user, or by an error of the flow box"));
     EXPECT_THAT(mInstrument.daemon.takeCalls(), Contains("probeTemperatureGasStatusChanged(7)"));
-    EXPECT_EQ(valves(), Valves{});
+    EXPECT_EQ(service().getProbeTemperatureStatus(), ProbeTemperatureGlobalStatus::Error);
+    EXPECT_TRUE(isOff());
+    EXPECT_LE(mInstrument.board->heatingWatch().longest(), 2s);
+    mInstrument.board->resetHeatingWatch();
+    mInstrument.seconds(60);
     mInstrument.flowBox->fail(false);
-    mInstrument.seconds(4);
+    mInstrument.seconds(60);
+    EXPECT_EQ(mInstrument.board->drive().spiralWatt, 0.0);
+    ramp(303.0);
     EXPECT_EQ(valves(), (Valves{true, 1}));
-    EXPECT_TRUE(holds());
+    EXPECT_EQ(mInstrument.board->heatingWatch().count(), 0U);
+}
+
+TEST_P(ATKnobOnInstrument, GivesUpWithAUserWhoWantsNoGas) {
+    ramp(303.0);
+    service().setProbeGasFlowForOperation(0.0);
+    mInstrument.seconds(2);
+    EXPECT_EQ(valves(), Valves{});
+    EXPECT_EQ(service().getProbeTemperatureStatus(), ProbeTemperatureGlobalStatus::Error);
+    EXPECT_TRUE(isOff());
+    ramp(303.0);
+    EXPECT_EQ(valves(), (Valves{true, 1}));
+    EXPECT_EQ(mInstrument.board->heatingWatch().count(), 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachFlowBox,
