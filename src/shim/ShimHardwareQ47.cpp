@@ -210,19 +210,79 @@ void ShimHardwareQ47::updateGradientsFromCurrents() {
 
 // ------------------------------------------------------------------------------------------- the boards
 
-void ShimHardwareQ47::getShimsFromHardware() {
-    keplaDoLog(Severity::Debug, "ShimHardwareQ47::getShimsFromHardware", {});
+/// What is written to the boards: the currents of the picture, taken together with a change of it. While this
+/// lives, no reading of the boards passes for newer than the picture.
+class ShimHardwareQ47::BoardWrite {
+public:
+    /// @param aChange  Changes the picture, which is locked meanwhile; what it throws passes on.
+    template <typename Change>
+    BoardWrite(ShimHardwareQ47& aOwner, Change aChange)
+        : mOwner(aOwner) {
+        std::lock_guard const picture(mOwner.mPictureMutex);
+        ++mOwner.mChanges;
+        aChange();
+        board1 = mOwner.mBoard1Currents;
+        board2 = mOwner.mBoard2Currents;
+        ++mOwner.mBoardWrites;
+    }
+    ~BoardWrite() {
+        std::lock_guard const picture(mOwner.mPictureMutex);
+        --mOwner.mBoardWrites;
+        ++mOwner.mChanges; // A reading that began during the transfer may have seen half of it.
+    }
+    BoardWrite(BoardWrite const&) = delete;
+    BoardWrite& operator=(BoardWrite const&) = delete;
+
     Currents board1;
     Currents board2;
-    readBoard(*mBoard1, board1, "Failed to read shim currents from shim board 1 with '%s'");
-    readBoard(*mBoard2, board2, "Failed to read shim currents from shim board 2 with '%s'");
 
+private:
+    ShimHardwareQ47& mOwner;
+};
+
+/// Reads the boards and makes that the picture, unless somebody has set shims meanwhile.
+/// @return What the boards have, also when the picture keeps other values.
+ShimHardwareQ47::Reading ShimHardwareQ47::getShimsFromHardware() {
+    keplaDoLog(Severity::Debug, "ShimHardwareQ47::getShimsFromHardware", {});
+    std::uint64_t const before = changes();
+    Reading reading = readBoards();
+    if (!takeOver(reading, before)) {
+        std::uint64_t const again = changes();
+        reading = readBoards();
+        takeOver(reading, again);
+    }
+    return reading;
+}
+
+ShimHardwareQ47::Reading ShimHardwareQ47::readBoards() {
+    Reading reading;
+    readBoard(*mBoard1, reading.board1, "Failed to read shim currents from shim board 1 with '%s'");
+    readBoard(*mBoard2, reading.board2, "Failed to read shim currents from shim board 2 with '%s'");
+    return reading;
+}
+
+std::uint64_t ShimHardwareQ47::changes() const {
     std::lock_guard const picture(mPictureMutex);
-    mBoard1Currents = std::move(board1);
-    mBoard2Currents = std::move(board2);
+    return mChanges;
+}
+
+/// @param aChangesBefore  changes() before the boards were read.
+/// @return Whether another reading is of no use: this one is the picture now, or an open set keeps its
+/// values.
+bool ShimHardwareQ47::takeOver(Reading const& aReading, std::uint64_t aChangesBefore) {
+    std::lock_guard const picture(mPictureMutex);
+    if (mSetContent != SetContent::Nothing) {
+        return true; // Its end must write what the user has set, not what was there before.
+    }
+    if (mChanges != aChangesBefore || mBoardWrites != 0) {
+        return false;
+    }
+    mBoard1Currents = aReading.board1;
+    mBoard2Currents = aReading.board2;
     if (mMatrix) {
         updateGradientsFromCurrents();
     }
+    return true;
 }
 
 void ShimHardwareQ47::readBoard(ShimBoardQ47& aBoard, Currents& aCurrents, char const* aFailureFormat) const {
@@ -234,16 +294,11 @@ void ShimHardwareQ47::readBoard(ShimBoardQ47& aBoard, Currents& aCurrents, char 
     }
 }
 
-void ShimHardwareQ47::setShimsOnHardware() {
+void ShimHardwareQ47::setShimsOnHardware(BoardWrite const& aWrite) {
     keplaDoLog(Severity::Debug, "ShimHardwareQ47::setShimsOnHardware", {});
-    std::unique_lock picture(mPictureMutex);
-    Currents const board1 = mBoard1Currents;
-    Currents const board2 = mBoard2Currents;
-    picture.unlock();
-
     std::optional<std::string> failure;
     try {
-        mBoard1->setShimCurrents(board1);
+        mBoard1->setShimCurrents(aWrite.board1);
     } catch (std::exception const& error) {
         keplaDoLog(Severity::Error,
                    "Failed to set shim currents on board 1. Will still try to set currents on second board. "
@@ -251,7 +306,7 @@ void ShimHardwareQ47::setShimsOnHardware() {
                    {}, error.what());
         failure = error.what();
     }
-    mBoard2->setShimCurrents(board2);
+    mBoard2->setShimCurrents(aWrite.board2);
     if (failure) {
         throw std::runtime_error(*failure);
     }
@@ -263,10 +318,8 @@ void ShimHardwareQ47::dumpCANopenValues(std::string const& aDirectory) {
 }
 
 bool ShimHardwareQ47::areAllShimZero() {
-    getShimsFromHardware();
-    std::unique_lock picture(mPictureMutex);
-    bool const zero = allZero(mBoard1Currents) && allZero(mBoard2Currents);
-    picture.unlock();
+    Reading const reading = getShimsFromHardware();
+    bool const zero = allZero(reading.board1) && allZero(reading.board2);
     keplaDoLog(Severity::Trace, "areAllShimZero(): %d", {}, static_cast<int>(zero));
     return zero;
 }
@@ -297,14 +350,16 @@ void ShimHardwareQ47::endOfOneParameterSet() {
         throw std::runtime_error("Not in a parameter set, cannot end one.");
     }
     try {
-        std::unique_lock picture(mPictureMutex);
-        if (mSetContent == SetContent::Gradients) {
-            updateCurrentsFromGradients();
-        } else if (mSetContent == SetContent::Currents) {
-            updateGradientsFromCurrents();
+        {
+            BoardWrite const write(*this, [this] {
+                if (mSetContent == SetContent::Gradients) {
+                    updateCurrentsFromGradients();
+                } else if (mSetContent == SetContent::Currents) {
+                    updateGradientsFromCurrents();
+                }
+            });
+            setShimsOnHardware(write); // Intended: an empty set writes the unchanged currents.
         }
-        picture.unlock();
-        setShimsOnHardware(); // Intended: an empty set writes the unchanged currents.
         sendUpdates(mSavedGradients, mSavedBoard1Currents, mSavedBoard2Currents);
     } catch (std::exception const& error) {
         keplaDoLog(Severity::Error, "Failed to set shim on hardware: %s", {}, error.what());
@@ -321,13 +376,13 @@ void ShimHardwareQ47::cancelOfOneParameterSet() {
         mSetContent = SetContent::Nothing;
         return;
     }
-    std::unique_lock picture(mPictureMutex);
-    ShimGradientsTOSK::copy(mSavedGradients, mGradients);
-    mBoard1Currents = mSavedBoard1Currents;
-    mBoard2Currents = mSavedBoard2Currents;
-    picture.unlock();
+    BoardWrite const write(*this, [this] {
+        ShimGradientsTOSK::copy(mSavedGradients, mGradients);
+        mBoard1Currents = mSavedBoard1Currents;
+        mBoard2Currents = mSavedBoard2Currents;
+    });
     try {
-        setShimsOnHardware();
+        setShimsOnHardware(write);
     } catch (std::exception const& error) {
         keplaDoLog(Severity::Error, "Failed to restore shims on hardware during cancelOfOneParameterSet: %s",
                    {}, error.what());
@@ -356,6 +411,7 @@ void ShimHardwareQ47::setSingleShim(std::string const& aName, int aValue) {
     ShimGradientsTOSK oldGradients = mGradients;
     Currents const oldBoard1 = mBoard1Currents;
     Currents const oldBoard2 = mBoard2Currents;
+    ++mChanges;
     mGradients.set(aName, aValue);
     updateCurrentsFromGradients();
     picture.unlock();
@@ -394,6 +450,7 @@ void ShimHardwareQ47::setShimCurrent(unsigned int aIndex, double aAmpere) {
     ShimGradientsTOSK oldGradients = mGradients;
     Currents const oldBoard1 = mBoard1Currents;
     Currents const oldBoard2 = mBoard2Currents;
+    ++mChanges;
     change();
     picture.unlock();
     sendUpdates(std::move(oldGradients), oldBoard1, oldBoard2);
@@ -443,7 +500,8 @@ void ShimHardwareQ47::setShimSystem(ShimSysType aShimSysType) {
     getShimsFromHardware();
     picture.lock();
     // Intended: the gradients count, so that currents below half a unit pass for no shims.
-    bool const noShims = mGradients.areAllZeros();
+    // Not over an open set, whose values are still to come.
+    bool const noShims = mSetContent == SetContent::Nothing && mGradients.areAllZeros();
     picture.unlock();
     if (noShims) {
         keplaDoLog(Severity::Info, "All shims are zero on the board on startup: try to load factory shims",
@@ -457,11 +515,11 @@ void ShimHardwareQ47::tryLoadFactoryShims(std::string const& aPath) {
     errno = 0; // So that the line below tells of no error but this file's.
     try {
         ShimFile file(aPath);
-        std::unique_lock picture(mPictureMutex);
-        ShimGradientsTOSK::copy(*file.gradients(), mGradients);
-        updateCurrentsFromGradients();
-        picture.unlock();
-        setShimsOnHardware();
+        BoardWrite const write(*this, [&] {
+            ShimGradientsTOSK::copy(*file.gradients(), mGradients);
+            updateCurrentsFromGradients();
+        });
+        setShimsOnHardware(write);
     } catch (std::exception const& error) {
         // Intended: the reason is that of the system, which knows of files only; the next line has the rest.
         keplaDoLog(Severity::Error, "Factory shim not loaded, reason: %m", {});

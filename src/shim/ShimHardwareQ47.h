@@ -11,6 +11,7 @@
 #include <velmor/kepla/log/Logger.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -48,6 +49,11 @@ class PeriodicCallerManagerIfc;
 /// One mutex is held by a set operation from its beginning to its end, transfers and listener calls included.
 /// Queries, areAllShimZero() and setShimSystem() do not wait for it. A second one guards the picture for the
 /// moment of a copy or of a conversion.
+///
+/// Reading the boards takes time, in which other threads may set shims. What has been read becomes the
+/// picture only if the picture has not been changed nor the boards written to in the meantime; else it is
+/// read once more, and after that the picture stays as those threads have left it. An open set in which
+/// something was changed keeps its values in any case: they are what its end writes.
 class ShimHardwareQ47 : private virtual velmor::kepla::log::Logger,
                         public ShimInterface,
                         public ShimForLockIfc {
@@ -121,12 +127,22 @@ private:
     /// What a parameter set has changed.
     enum class SetContent { Nothing = 0, Gradients = 1, Currents = 2 };
 
+    /// What the boards have, as just read.
+    struct Reading {
+        Currents board1;
+        Currents board2;
+    };
+    class BoardWrite;
+
     bool hasMatrix() const;
     std::shared_ptr<ShimMatrixTOSK> matrix() const;
     std::shared_ptr<ShimMatrixTOSK> neededMatrix() const;
-    void getShimsFromHardware();
+    Reading getShimsFromHardware();
+    Reading readBoards();
+    bool takeOver(Reading const& aReading, std::uint64_t aChangesBefore);
+    std::uint64_t changes() const;
     void readBoard(ShimBoardQ47& aBoard, Currents& aCurrents, char const* aFailureFormat) const;
-    void setShimsOnHardware();
+    void setShimsOnHardware(BoardWrite const& aWrite);
     void updateGradientsFromCurrents();
     void updateCurrentsFromGradients();
     void sendUpdates(ShimGradientsTOSK aOldGradients, Currents const& aOldBoard1, Currents const& aOldBoard2);
@@ -153,9 +169,11 @@ private:
     bool mInParameterSet = false;
     /// Held by the set operations as long as they run; guards the listener and what is saved for a set.
     std::mutex mMutex;
-    /// Guards gradients, currents, type and matrix. Never held over a transfer, a file or a call of the
-    /// listener.
+    /// Guards gradients, currents, type and matrix, and the next two. Never held over a transfer, a file or a
+    /// call of the listener.
     mutable std::mutex mPictureMutex;
+    std::uint64_t mChanges = 0; ///< Counts what makes a reading of the boards stale that is under way.
+    unsigned mBoardWrites = 0;  ///< Under way.
     std::atomic<SetContent> mSetContent{SetContent::Nothing};
     std::string const mCurrentFormat;
 };

@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <future>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -823,6 +824,149 @@ TEST_F(ShimHardwareQ47Test, SeesASingleMicroampereOnEitherBoard) {
     EXPECT_FALSE(mService->areAllShimZero());
 }
 
+// --------------------------------------------------------------- reading the boards while shims are set
+
+/// Makes something happen while the last current of board 2 is read, so many times.
+template <typename What>
+void whileReading(FakeCanOpenNode& aNode, int aTimes, What aWhat) {
+    aNode.onAccess(0x3000, 17, [aWhat, aTimes, time = 0, happening = false]() mutable {
+        if (time < aTimes && !std::exchange(happening, true)) { // what happens reads, too
+            aWhat(++time);
+            happening = false;
+        }
+    });
+}
+
+TEST_F(ShimHardwareQ47Test, ReadsTheBoardsOnceMoreWhenASetHasEndedMeanwhile) {
+    begin();
+    whileReading(*mNode2, 1, [&](int) {
+        mService->beginOfOneParameterSet();
+        mService->setSingleShim("Z", 100);
+        mService->endOfOneParameterSet();
+        mNode1->takeCalls();
+    });
+    EXPECT_FALSE(mService->areAllShimZero()); // the first reading saw zeros
+    EXPECT_THAT(mNode1->takeCalls(), ElementsAreArray(readingAll()));
+    EXPECT_EQ(mService->getSingleShim("Z").value, 100);
+    EXPECT_EQ(mService->getShimCurrent(0).value, 0.000769);
+    EXPECT_EQ(mService->getShimCurrent(17).value, 0.000385);
+    mService->beginOfOneParameterSet();
+    mService->setSingleShim("Z3", 10);
+    mService->endOfOneParameterSet(); // and no set takes the old values back to the boards
+    EXPECT_EQ(mNode1->number(0x3000, 1), 769);
+    EXPECT_EQ(mNode2->number(0x3000, 1), 385);
+}
+
+TEST_F(ShimHardwareQ47Test, LeavesThePictureToASetThatHasEndedDuringTheSecondReading) {
+    begin();
+    whileReading(*mNode2, 2, [&](int aTime) {
+        mService->beginOfOneParameterSet();
+        mService->setSingleShim("Z", aTime == 1 ? 100 : 0);
+        mService->setSingleShim("Z3", 10);
+        mService->endOfOneParameterSet();
+    });
+    EXPECT_FALSE(mService->areAllShimZero());
+    EXPECT_EQ(mService->getSingleShim("Z").value, 0); // board 1 was read with 769 uA
+    EXPECT_EQ(mService->getShimCurrent(0).value, 0.0);
+    EXPECT_EQ(mService->getSingleShim("Z3").value, 10);
+    EXPECT_EQ(mLog.count(Severity::Debug, "ShimHardwareQ47::getShimsFromHardware"), 1U);
+}
+
+TEST_F(ShimHardwareQ47Test, TakesNothingOverFromBoardsThatAreBeingWritten) {
+    begin();
+    mService->setSingleShim("Z", 100); // held, for the next end of a set
+    mNode1->onAccess(0x3001, 1, [&] { EXPECT_TRUE(mService->areAllShimZero()); });
+    mService->beginOfOneParameterSet();
+    mService->endOfOneParameterSet();
+    EXPECT_EQ(mNode1->number(0x3000, 1), 769);
+    EXPECT_EQ(mService->getSingleShim("Z").value, 100);
+    EXPECT_EQ(mService->getShimCurrent(17).value, 0.000385);
+}
+
+TEST_F(ShimHardwareQ47Test, TakesNothingOverThatWasReadDuringAWrite) {
+    begin();
+    mService->setSingleShim("Z", 100);
+    std::thread reader;
+    std::promise<void> goOn;
+    std::promise<void> isReading;
+    mNode1->onAccess(0x3001, 1, [&] { // board 1 is about to be written: a reading begins, and ends afterwards
+        mNode1->onAccess(0x3001, 1, {});
+        mNode1->onAccess(0x3000, 2, [&] {
+            mNode1->onAccess(0x3000, 2, {});
+            isReading.set_value();
+            goOn.get_future().wait();
+        });
+        reader = std::thread([&] { mService->areAllShimZero(); });
+        isReading.get_future().wait();
+    });
+    mService->beginOfOneParameterSet();
+    mService->endOfOneParameterSet();
+    goOn.set_value();
+    reader.join();
+    EXPECT_EQ(mNode1->number(0x3000, 1), 769);
+    EXPECT_EQ(mService->getSingleShim("Z").value, 100);
+}
+
+TEST_F(ShimHardwareQ47Test, KeepsTheGradientsOfAnOpenSetWhenTheBoardsAreRead) {
+    begin();
+    mService->beginOfOneParameterSet();
+    mService->setSingleShim("Z", 100);
+    EXPECT_TRUE(mService->areAllShimZero()); // the boards are asked all the same
+    mNode2->set(0x3000, 17, 5);
+    EXPECT_FALSE(mService->areAllShimZero());
+    EXPECT_EQ(mService->getSingleShim("Z").value, 100);
+    clear();
+    mService->endOfOneParameterSet();
+    expectWritten(currents({769}), currents({385}));
+    EXPECT_THAT(mListener.heard, ElementsAre("Z = 100", "0: 0.000769 A", "17: 0.000385 A"));
+}
+
+TEST_F(ShimHardwareQ47Test, KeepsTheCurrentsOfAnOpenSetWhenTheBoardsAreRead) {
+    begin();
+    mService->beginOfOneParameterSet();
+    mService->setShimCurrent(8, 0.001);
+    EXPECT_TRUE(mService->areAllShimZero());
+    EXPECT_EQ(mService->getShimCurrent(8).value, 0.001);
+    mService->endOfOneParameterSet();
+    EXPECT_EQ(mNode1->number(0x3000, 9), 1000);
+    EXPECT_EQ(mService->getSingleShim("Z3").value, 130);
+}
+
+TEST_F(ShimHardwareQ47Test, KeepsTheGradientsOfASetWhoseEndHasFailedWhenTheBoardsAreRead) {
+    begin();
+    mService->beginOfOneParameterSet();
+    mService->setSingleShim("Z", 100);
+    mNode2->fail(0x3001, 1, "node 9: transfer aborted", 1);
+    EXPECT_THROW(mService->endOfOneParameterSet(), std::runtime_error);
+    EXPECT_FALSE(mService->areAllShimZero());
+    mService->endOfOneParameterSet();
+    EXPECT_EQ(mNode2->number(0x3000, 1), 385);
+    EXPECT_EQ(mService->getSingleShim("Z").value, 100);
+}
+
+TEST_F(ShimHardwareQ47Test, RefreshesThePictureInASetInWhichNothingWasChanged) {
+    begin();
+    mService->beginOfOneParameterSet();
+    mNode1->set(0x3000, 9, 100);
+    EXPECT_FALSE(mService->areAllShimZero());
+    EXPECT_EQ(mService->getShimCurrent(8).value, 0.0001);
+    EXPECT_EQ(mService->getSingleShim("Z3").value, 13);
+}
+
+TEST_F(ShimHardwareQ47Test, LoadsNoFactoryShimsOverAnOpenSet) {
+    mNode1->set(0x3000, 9, 100);
+    begin();
+    factory("Z2 10\n");
+    mService->beginOfOneParameterSet();
+    mService->setSingleShim("Z3", 0);
+    mService->setShimSystem(ShimSysType::Wmxs1a);
+    EXPECT_EQ(mNode1->number(0x3000, 9), 100);
+    EXPECT_FALSE(mLog.has(Severity::Debug, "ShimHardwareQ47::tryLoadFactoryShim"));
+    mService->endOfOneParameterSet();
+    EXPECT_EQ(mNode1->number(0x3000, 9), 0);
+    EXPECT_EQ(mNode2->number(0x3000, 1), 0);
+}
+
 // ------------------------------------------------------------------------------------------------ listener
 
 TEST_F(ShimHardwareQ47Test, RefusesANullListener) {
@@ -858,6 +1002,35 @@ TEST_F(ShimHardwareQ47Test, LetsTheListenerAskForValues) {
     mListener.onGradient = [&] { asked = mService->getShimCurrent(0).value; };
     mService->setSingleShim("Z", 100);
     EXPECT_EQ(asked, 0.000769);
+}
+
+// Both operations wait for the end of the set, but what the set is made of is asked before.
+TEST_F(ShimHardwareQ47Test, RefusesTheOtherKindOfChangeWithoutWaitingForTheSet) {
+    begin();
+    int refused = 0;
+    mListener.onGradient = [&] {
+        expectThrow<std::runtime_error>(
+            [&] { mService->setShimCurrent(0, 0.5); },
+            "Shim gradients have been set in this parameter set.Please finish it to before "
+            "setting shim currents.");
+        ++refused;
+    };
+    mService->beginOfOneParameterSet();
+    mService->setSingleShim("Z3", 10);
+    mService->endOfOneParameterSet();
+    EXPECT_EQ(refused, 1);
+
+    mListener.onGradient = [&] {
+        expectThrow<std::runtime_error>(
+            [&] { mService->setSingleShim("Z", 1); },
+            "Shim currents have been set in this parameter set.Please finish it before "
+            "setting shim gradients.");
+        ++refused;
+    };
+    mService->beginOfOneParameterSet();
+    mService->setShimCurrent(8, 0.001); // 130 units of Z3 alone
+    mService->endOfOneParameterSet();
+    EXPECT_EQ(refused, 2);
 }
 
 // ------------------------------------------------------------------------------------------------- queries
