@@ -2,6 +2,8 @@
 // Files, devices and thread around the simulated sequencer.
 #include "simulator/sequencer/SequencerDriver.h"
 
+#include <velmor/kepla/utils/ThreadName.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -10,8 +12,6 @@
 #include <streambuf>
 #include <utility>
 #include <vector>
-
-#include <pthread.h>
 
 namespace libfieldwarden::sim {
 
@@ -237,7 +237,7 @@ SequencerDriver::~SequencerDriver() {
 }
 
 void SequencerDriver::run() {
-    pthread_setname_np(pthread_self(), "sim-sequencer");
+    velmor::kepla::utils::nameThisThread("sim-sequencer");
     auto lock = enter();
     while (!mStop) {
         auto const due = mSequencer.due();

@@ -12,8 +12,9 @@
 
 /// The parameters of the lock. The order of the virtual operations is fixed.
 ///
-/// Nothing is locked. The state machine's thread reloads and stores computed sets, callers of the service
-/// choose the set and tell the magnet's frequency, the thread of the PID stream reads the locked threshold.
+/// Any thread may read and write while others do: the state machine's thread reloads and stores computed
+/// sets, callers of the service choose the set and tell the magnet's frequency, the thread of the PID stream
+/// reads the locked threshold.
 class LockParametersInterface {
 public:
     /// Number of a PID set.

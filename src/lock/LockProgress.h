@@ -15,7 +15,7 @@ struct LockProgress {
         0; ///< Parts of the whole step, at most: a step ends early when it has what it seeks.
 };
 
-/// Hears of progress, on the thread that works. It must neither block nor throw.
+/// Hears of progress, on the thread that works, which it must not hold up. What it throws ends the step.
 using LockProgressObserver = std::function<void(LockProgress const&)>;
 
 } // namespace libfieldwarden::lock

@@ -81,6 +81,7 @@ LockStreams::~LockStreams() {
     requestEnd();
     mPeriodicDump.reset();
     mStopThread = true;
+    mHalted = true;
     if (mThread.joinable()) {
         try {
             mPIDStream->stop(); // wakes the thread
@@ -151,6 +152,7 @@ void LockStreams::startPIDStream() {
     mPIDStream->start();
     mPidDataTimedOut = false;
     mStopThread = false;
+    mHalted = false;
     try {
         mThread = std::thread([this] { pidStreamThread(); });
     } catch (...) {
@@ -187,6 +189,7 @@ void LockStreams::stopPIDStream() {
 /// Ends the supervision, whether or not the stream can be switched off.
 void LockStreams::haltPIDStream() {
     mStopThread = true;
+    mHalted = true;
     std::exception_ptr failure;
     try {
         mPIDStream->stop(); // wakes the thread
@@ -224,6 +227,16 @@ void LockStreams::pidStreamThread() {
         keplaDoLog(Severity::Critical, "pidStreamThread failed with %s", {}, "an unknown exception");
     }
     keplaDoLog(Severity::Info, "pidStreamThread stopped", {});
+    discardUntilHalted();
+}
+
+/// The stream may go on behind a supervision that has ended by itself: its records must not pile up until
+/// somebody stops it.
+void LockStreams::discardUntilHalted() {
+    std::unique_ptr<LockStreamPIDData> sample;
+    while (!mHalted) {
+        mPIDStream->dequeueWait(sample, kRecordTimeout);
+    }
 }
 
 void LockStreams::superviseStream() {

@@ -74,9 +74,8 @@ public:
 
     /// Starts stream, supervision and regular dumps; only warns when they run.
     /// Blocks for the flush of the stream, at most 90 s where the device does not stop delivering.
-    /// @throws std::runtime_error  when the stream cannot be started, or what comes behind it; nothing runs
-    /// then,
-    ///                             and the next start() begins anew.
+    /// @throws std::runtime_error  when the stream cannot be started, or what comes behind it: nothing runs
+    ///                             then, and the next start() begins anew.
     void start();
 
     /// Stops all of it and tells the listener. Waits for the record and the regular dump under way.
@@ -133,6 +132,7 @@ private:
     void haltPIDStream();
     void pidStreamThread();
     void superviseStream();
+    void discardUntilHalted();
     void handleTimeout(int& aRetries);
     void handleSample(LockStreamPIDData const& aSample);
     bool lockedWith(long long aPidDataIn);
@@ -161,7 +161,8 @@ private:
     boost::circular_buffer<double> mMeanWindow{mMeanCount}; ///< The last means, newest first.
 
     std::thread mThread;
-    std::atomic<bool> mStopThread{false};
+    std::atomic<bool> mStopThread{false}; ///< The supervision ends.
+    std::atomic<bool> mHalted{false};     ///< The stream has been stopped, or never was started.
     LockFFTDump mFFTDump;
     LockFIDDump mFIDDump;
 

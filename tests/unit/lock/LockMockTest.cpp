@@ -222,7 +222,9 @@ TEST_F(LockMockTest, PollsAMissingFolder) {
 
 TEST_F(LockMockTest, EndsAtOnceInTheMiddleOfItsSecond) {
     make();
-    mLock.reset(); // time does not move
+    auto const begin = mClock->now();
+    mLock.reset(); // A thread that sat its second out would never end: time does not move.
+    EXPECT_EQ(mClock->now(), begin);
 }
 
 TEST_F(LockMockTest, GivesItsFixedAnswers) {

@@ -169,6 +169,11 @@ public:
         return aOut != nullptr;
     }
 
+    bool empty() {
+        std::lock_guard const lock(mMutex);
+        return mItems.empty();
+    }
+
     /// Delivers a record and waits until it has been worked off.
     void feed(long long aIn, int aOut = 0, unsigned short aSlice = 0, double aPhase = 0.0) {
         deliver(std::make_unique<LockStreamPIDData>(aSlice, aOut, aIn, aPhase));
@@ -563,6 +568,10 @@ TEST_F(LockStreamsTest, EndsTheThreadWhenTheRegulatorFails) {
     EXPECT_THAT(mJournal.take(), IsEmpty()); // nobody is told
     EXPECT_FALSE(mStreams->pidDataTimedOut());
     mRegulator->fails = false;
+    mStream->feed(0, 5); // The stream goes on: its records are taken, and nothing is made of them.
+    mStream->feed(0, 5);
+    EXPECT_TRUE(mStream->empty());
+    EXPECT_EQ(mRegulator->last, 0);
     mStreams->stop();
     start();
     mStream->feed(0, 17);

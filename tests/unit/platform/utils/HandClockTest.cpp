@@ -42,8 +42,10 @@ TEST(HandClock, WakesASleeperWhenItsTimeHasCome) {
 
 TEST(HandClock, ReturnsAtOnceFromASleepOfNothing) {
     HandClock clock;
+    auto const begin = clock.now();
     clock.sleepFor(0s);
     clock.sleepFor(-1s);
+    EXPECT_EQ(clock.now(), begin);
 }
 
 TEST(HandClock, WakesSleepersInTheOrderOfTheirTimes) {

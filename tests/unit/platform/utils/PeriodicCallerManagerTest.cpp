@@ -152,9 +152,11 @@ TEST_F(PeriodicCallerManagerTest, LetsACallRegisterAnother) {
 }
 
 TEST_F(PeriodicCallerManagerTest, EndsItsWorkerAndLeavesHandlesHarmless) {
-    auto const handle = mManager->createPeriodicCaller(1.0, [] {});
+    std::atomic<int> calls{0};
+    auto const handle = mManager->createPeriodicCaller(1.0, [&] { ++calls; });
     mManager.reset();
     mClock->advance(10s);
+    EXPECT_EQ(calls, 0);
 }
 
 TEST_F(PeriodicCallerManagerTest, NamesItsThread) {
