@@ -409,12 +409,13 @@ bool SdoClientCore::onBlockUpSegment(CanFrame const& aFrame, TimePoint aNow) {
         if (acceptBlockSegment(aFrame, aNow)) {
             return true;
         }
+        mDeadline = aNow + mSettings.responseTimeout;
     } else if (sequence <= mSequence || isSecondCopy(aFrame)) {
         return drop(mDropCounts.duplicate);
     } else {
-        accept(aFrame, aNow); // behind a gap: of no use, but a sign of life, and it may end the block
+        accept(aFrame,
+               aNow); // behind a gap: of no use, and no reason to wait longer, but it may end the block
     }
-    mDeadline = aNow + mSettings.responseTimeout;
     return (last || sequence == mSettings.uploadBlockSize) && acknowledgeBlock(aNow);
 }
 

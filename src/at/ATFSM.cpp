@@ -60,6 +60,9 @@ void ATFSM::runOneEvent() {
     } catch (std::exception const& failure) {
         keplaDoLog(Severity::Critical, "The worker of the AT state machine failed and goes on: %s", {},
                    failure.what());
+    } catch (...) {
+        keplaDoLog(Severity::Critical, "The worker of the AT state machine failed and goes on: %s", {},
+                   "an exception of an unknown type");
     }
 }
 
