@@ -7,12 +7,16 @@
 #include <velmor/kepla/utils/EnumUtils.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
+#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace velmor::kepla::datalogger {
 
@@ -46,6 +50,15 @@ std::int64_t periodBegin(std::int64_t aTime, std::int64_t aLength) noexcept {
 bool isBeyondLimits(double aValue, DataLoggerChannelInfo const& aInfo) noexcept {
     return (aInfo.lowerLimit != DataLoggerChannelInfo::kNoLowerLimit && aValue < aInfo.lowerLimit) ||
            (aInfo.upperLimit != DataLoggerChannelInfo::kNoUpperLimit && aValue > aInfo.upperLimit);
+}
+
+/// Whether the disk is full or fails, be it SQLite or the file system that says so.
+bool isOutage(std::exception const& aError) noexcept {
+    if (auto const* const database = dynamic_cast<SqliteError const*>(&aError)) {
+        return database->isOutage();
+    }
+    auto const* const system = dynamic_cast<std::system_error const*>(&aError);
+    return system != nullptr && isDiskOutage(system->code());
 }
 
 } // namespace
@@ -104,26 +117,43 @@ SampleStore::~SampleStore() = default;
 
 // -------------------------------------------------------------------------------------- opening, replacing
 
-void SampleStore::open() {
-    std::error_code ignored;
-    if (auto const folder = mPath.parent_path();
-        !folder.empty() && !std::filesystem::is_directory(folder, ignored)) {
-        throw std::runtime_error("The data logger cannot be opened: " + mPath.string() + ": the directory " +
-                                 folder.string() + " does not exist");
-    }
+std::optional<std::string> SampleStore::open() {
+    std::optional<std::string> outage;
     try {
+        makeFolder();
         openOrReplace(kPatience);
     } catch (std::exception const& error) {
-        throw std::runtime_error(std::string("The data logger cannot be opened: ") + error.what());
+        if (!isOutage(error)) {
+            throw std::runtime_error(std::string("The data logger cannot be opened: ") + error.what());
+        }
+        outage = error.what();
     }
     mMovedAside.reset(); // what was damaged before does not count against this run
+    return outage;
+}
+
+/// Makes the folder where that is wanted.
+/// @throws std::runtime_error  when it is missing otherwise.
+void SampleStore::makeFolder() const {
+    auto const folder = mPath.parent_path();
+    std::error_code error;
+    if (folder.empty() || std::filesystem::is_directory(folder, error)) {
+        return;
+    }
+    std::string const words = mPath.string() + ": the directory " + folder.string();
+    if (!mOptions.makesFolder) {
+        throw std::runtime_error(words + " does not exist");
+    }
+    std::filesystem::create_directories(folder, error);
+    if (error) {
+        throw std::system_error(error, words + " cannot be made");
+    }
 }
 
 void SampleStore::openOrReplace(Clock::Duration aPatience) {
     try {
         openFile(aPatience);
     } catch (SqliteError const& error) {
-        close();
         if (!error.isDamage()) {
             throw;
         }
@@ -132,7 +162,37 @@ void SampleStore::openOrReplace(Clock::Duration aPatience) {
     }
 }
 
+/// Looks whether the disk takes one more file: SQLite says only that it could not make one.
+/// @throws std::system_error  when it does not for want of room, or fails.
+void SampleStore::throwIfThereIsNoRoom() const {
+    std::string const probe = mPath.string() + ".probe";
+    int const descriptor = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    std::error_code const error(errno, std::system_category());
+    if (descriptor >= 0) {
+        ::close(descriptor);
+        ::unlink(probe.c_str());
+    } else if (isDiskOutage(error)) {
+        throw std::system_error(error, mPath.string() + ": it cannot be opened");
+    }
+}
+
+/// Leaves nothing half open.
 void SampleStore::openFile(Clock::Duration aPatience) {
+    try {
+        openDatabase(aPatience);
+    } catch (SqliteError const& error) {
+        close();
+        if (error.code() == SQLITE_CANTOPEN) {
+            throwIfThereIsNoRoom();
+        }
+        throw;
+    } catch (...) {
+        close();
+        throw;
+    }
+}
+
+void SampleStore::openDatabase(Clock::Duration aPatience) {
     mDatabase = std::make_unique<SqliteConnection>(mPath.string(), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                                                    aPatience);
     mDatabase->execute(fmt::format("PRAGMA page_size = {}", kPageSize));
@@ -236,6 +296,9 @@ void SampleStore::transaction(Action aAction) {
             moveAside(error.what());
         }
         throw;
+    } catch (...) {
+        mDatabase->rollback(); // Whatever it was: while a transaction is open, no other one begins.
+        throw;
     }
 }
 
@@ -244,6 +307,9 @@ void SampleStore::write(SampleRing const& aSamples, std::vector<LostSamples> con
         closeRemoved();
     }
     if (mDatabase == nullptr) {
+        if (mOptions.makesFolder) {
+            makeFolder();
+        }
         openOrReplace({});
     }
     std::vector<Channel*> saved;

@@ -44,8 +44,9 @@ public:
     SampleStore& operator=(SampleStore const&) = delete;
 
     /// Opens the file or makes it. A damaged one is moved aside and a new one made.
-    /// @throws std::runtime_error  when that fails; the words name the file and the reason.
-    void open();
+    /// @return What the disk says when it is full or fails: then the file is closed, and write() tries again.
+    /// @throws std::runtime_error  when it fails otherwise; the words name the file and the reason.
+    std::optional<std::string> open();
 
     /// Says what a channel is like; it stands in the file with the next write.
     /// @param aIndex  The index by which samples name it; one more than the last, or a known one.
@@ -91,7 +92,10 @@ private:
         PeriodSums sums;
     };
 
+    void makeFolder() const;
+    void throwIfThereIsNoRoom() const;
     void openFile(velmor::platform::Clock::Duration aPatience);
+    void openDatabase(velmor::platform::Clock::Duration aPatience);
     void openOrReplace(velmor::platform::Clock::Duration aPatience);
     void makeTables();
     void checkTables();

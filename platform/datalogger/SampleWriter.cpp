@@ -37,7 +37,9 @@ SampleWriter::SampleWriter(std::filesystem::path const& aPath, SqliteDataLoggerO
     , mStore(aPath, aOptions)
     , mBacklog(aOptions.queueCapacity)
     , mNextForgetting(mClock.now()) {
-    mStore.open();
+    if (auto const outage = mStore.open()) {
+        noteOutage(*outage);
+    }
     mThread = std::thread([this] { run(); });
 }
 
@@ -182,20 +184,24 @@ void SampleWriter::flush() {
 bool SampleWriter::write() {
     bool const nothingLost =
         std::all_of(mLost.begin(), mLost.end(), [](LostSamples const& aLost) { return aLost.count == 0; });
-    if (mBacklog.empty() && nothingLost && !mStore.hasNews()) {
+    if (mBacklog.empty() && nothingLost && !mStore.hasNews() && !mOutageBegan) {
         return true;
     }
     try {
         mStore.write(mBacklog, mLost);
         return true;
     } catch (std::exception const& error) {
-        if (!mOutageBegan) {
-            mOutageBegan = mClock.now();
-            keplaDoLog(Severity::Error, "Samples cannot be written and wait in memory: %s", {}, error.what());
-        }
-        mOutageReason = error.what();
+        noteOutage(error.what());
         return false;
     }
+}
+
+void SampleWriter::noteOutage(std::string const& aReason) {
+    if (!mOutageBegan) {
+        mOutageBegan = mClock.now();
+        keplaDoLog(Severity::Error, "Samples cannot be written and wait in memory: %s", {}, aReason);
+    }
+    mOutageReason = aReason;
 }
 
 void SampleWriter::forget() {

@@ -60,6 +60,7 @@ private:
     void noteLosses();
     void flush();
     bool write();
+    void noteOutage(std::string const& aReason);
     void forget();
     void reportEnd();
 

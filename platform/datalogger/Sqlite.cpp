@@ -2,6 +2,7 @@
 // SQLite's results in words.
 #include "Sqlite.h"
 
+#include <cerrno>
 #include <cmath>
 #include <limits>
 #include <system_error>
@@ -45,6 +46,11 @@ std::string reasonOf(int aCode, sqlite3* aDatabase) {
 }
 
 } // namespace
+
+bool isDiskOutage(std::error_code aError) noexcept {
+    int const number = aError.value();
+    return number == ENOSPC || number == EDQUOT || number == EIO;
+}
 
 SqliteStatement::SqliteStatement(sqlite3* aDatabase, std::string const& aFile, char const* aSql)
     : mDatabase(aDatabase)

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include <sqlite3.h>
 
@@ -28,10 +29,15 @@ public:
     int code() const noexcept { return mCode & 0xFF; }
     /// Whether the file's content is at fault rather than the world around it.
     bool isDamage() const noexcept { return code() == SQLITE_CORRUPT || code() == SQLITE_NOTADB; }
+    /// Whether the disk is full or fails, which may pass.
+    bool isOutage() const noexcept { return code() == SQLITE_FULL || code() == SQLITE_IOERR; }
 
 private:
     int mCode;
 };
+
+/// Whether an error of the system is one of a disk that is full or fails.
+bool isDiskOutage(std::error_code aError) noexcept;
 
 /// One statement, prepared once and run often. Texts that are bound outlive the run.
 class SqliteStatement {

@@ -49,9 +49,9 @@ public:
     }
 
     std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> dataLogger() override {
-        std::filesystem::path const file(kDataLoggerFile);
-        std::filesystem::create_directories(file.parent_path());
-        return std::make_shared<velmor::kepla::datalogger::SqliteDataLogger>(file);
+        using velmor::kepla::datalogger::SqliteDataLogger;
+        return std::make_shared<SqliteDataLogger>(kDataLoggerFile,
+                                                  SqliteDataLogger::Options{.makesFolder = true});
     }
 
     std::shared_ptr<velmor::kepla::deviceid::DeviceIdClientIfc> deviceIdClient() override {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The data logger on disks and files that fail, at the opening and at run time.
 #include "DataLoggerFixture.h"
+#include "support/FullDisk.h"
 #include "support/LeapClock.h"
 
 #include <velmor/platform/Clock.h>
@@ -8,7 +9,9 @@
 #include <fstream>
 #include <stdexcept>
 
+#include <sched.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 namespace {
@@ -180,6 +183,212 @@ TEST_F(SqliteDataLoggerFaults, StartsOnAnEmptyFile) {
     EXPECT_THAT(log.linesUpTo(Severity::Warning), IsEmpty());
 }
 
+TEST_F(SqliteDataLoggerFaults, OpensOnADiskThatFailsAndWritesOnceItIsWell) {
+    std::shared_ptr<velmor::kepla::datalogger::DataLoggerChannelIfc> channel;
+    {
+        libfieldwarden::test::FullDisk const disk(0); // not a byte can be written
+        open();
+        channel = logger->createChannel(info("a"));
+        channel->push(1.0, now());
+        turn();
+        turn();
+    }
+    EXPECT_EQ(log.count(Severity::Error, fileError + ": the disk fails (File too large)"), 1U);
+    EXPECT_EQ(log.linesUpTo(Severity::Error).size(), 1U);
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0));
+    EXPECT_TRUE(log.has(Severity::Info, "Samples are written again after 3 s"));
+    EXPECT_EQ(logger->lostSamples(), 0U);
+}
+
+TEST_F(SqliteDataLoggerFaults, MakesTheFileOnceTheDiskIsWellThoughThereIsNoSample) {
+    {
+        libfieldwarden::test::FullDisk const disk(0);
+        open();
+        turn();
+    }
+    EXPECT_FALSE(log.has(Severity::Info, "Samples are written again after 1 s"));
+    turn();
+    EXPECT_TRUE(log.has(Severity::Info, "Samples are written again after 2 s"));
+    EXPECT_THAT(Reader(file).channels(), IsEmpty());
+}
+
+TEST_F(SqliteDataLoggerFaults, SaysWhatIsLostWhenTheDiskFailsFromTheOpeningToTheEnd) {
+    libfieldwarden::test::FullDisk const disk(0);
+    open({.queueCapacity = 10});
+    auto channel = logger->createChannel(info("a"));
+    for (int i = 0; i < 12; ++i) {
+        channel->push(i, now());
+    }
+    turn();
+    EXPECT_EQ(logger->lostSamples(), 2U);
+    channel.reset();
+    logger.reset();
+    EXPECT_TRUE(log.has(Severity::Error, "10 samples are lost with the end of the data logger: " +
+                                             file.string() + ": the disk fails (File too large)"));
+}
+
+TEST_F(SqliteDataLoggerFaults, OpensWhereThereIsNoRoomForANewFileBesideADamagedOne) {
+    writeFile(file, std::string(10'000, 'x'));
+    std::shared_ptr<velmor::kepla::datalogger::DataLoggerChannelIfc> channel;
+    {
+        libfieldwarden::test::FullDisk const disk(0);
+        open();
+        channel = logger->createChannel(info("a"));
+        channel->push(1.0, now());
+        turn();
+    }
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0));
+    EXPECT_EQ(damagedFiles().size(), 1U);
+}
+
+/// A small disk of its own, seen by this thread and those that it makes from then on.
+class SmallDisk {
+public:
+    SmallDisk(std::filesystem::path aPath, std::string const& aOptions)
+        : mPath(std::move(aPath)) {
+        std::filesystem::create_directory(mPath);
+        mMounted = unshare(CLONE_NEWNS) == 0 &&
+                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("tmpfs", mPath.c_str(), "tmpfs", 0, aOptions.c_str()) == 0;
+    }
+    ~SmallDisk() {
+        if (mMounted) {
+            umount2(mPath.c_str(), MNT_DETACH);
+        }
+    }
+    SmallDisk(SmallDisk const&) = delete;
+    SmallDisk& operator=(SmallDisk const&) = delete;
+
+    /// Only root may have one.
+    bool works() const noexcept { return mMounted; }
+
+private:
+    std::filesystem::path mPath;
+    bool mMounted = false;
+};
+
+TEST_F(SqliteDataLoggerFaults, OpensOnAFullDiskAndWritesOnceThereIsRoom) {
+    SmallDisk const disk(folder.path() / "disk", "size=1m");
+    if (!disk.works()) {
+        GTEST_SKIP() << "no disk can be mounted here";
+    }
+    auto const filling = folder.path() / "disk" / "filling";
+    std::ofstream(filling) << std::string(2 << 20, 'x');
+    file = folder.path() / "disk" / "datalogger.sqlite";
+    open();
+    auto const channel = logger->createChannel(info("a"));
+    channel->push(1.0, now());
+    turn();
+    EXPECT_EQ(log.count(Severity::Error, "Samples cannot be written and wait in memory: " + file.string() +
+                                             ": the disk is full"),
+              1U);
+    std::filesystem::remove(filling);
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0));
+    logger.reset();
+}
+
+TEST_F(SqliteDataLoggerFaults, OpensAnOldFileOnAFullDisk) {
+    SmallDisk const disk(folder.path() / "disk", "size=1m");
+    if (!disk.works()) {
+        GTEST_SKIP() << "no disk can be mounted here";
+    }
+    file = folder.path() / "disk" / "datalogger.sqlite";
+    open();
+    logger->createChannel(info("a"))->push(1.0, now());
+    turn();
+    logger.reset();
+    auto const filling = folder.path() / "disk" / "filling";
+    std::ofstream(filling) << std::string(2 << 20, 'x');
+    open();
+    auto const channel = logger->createChannel(info("a"));
+    channel->push(2.0, now());
+    turn();
+    EXPECT_EQ(log.linesUpTo(Severity::Error).size(), 1U);
+    std::filesystem::remove(filling);
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0, 2.0));
+    logger.reset();
+}
+
+TEST_F(SqliteDataLoggerFaults, OpensAnOldFileWhereThereIsNoRoomForTheLogBesideIt) {
+    SmallDisk const disk(folder.path() / "disk", "nr_inodes=4"); // the root, the file and its two others
+    if (!disk.works()) {
+        GTEST_SKIP() << "no disk can be mounted here";
+    }
+    file = folder.path() / "disk" / "datalogger.sqlite";
+    open();
+    logger->createChannel(info("a"))->push(1.0, now());
+    turn();
+    logger.reset(); // takes the two away
+    for (char const* const name : {"1", "2"}) {
+        std::ofstream(folder.path() / "disk" / name) << "x";
+    }
+    open();
+    auto const channel = logger->createChannel(info("a"));
+    channel->push(2.0, now());
+    turn();
+    EXPECT_EQ(log.linesUpTo(Severity::Error).size(), 1U);
+    for (char const* const name : {"1", "2"}) {
+        std::filesystem::remove(folder.path() / "disk" / name);
+    }
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0, 2.0));
+    logger.reset();
+}
+
+TEST_F(SqliteDataLoggerFaults, MakesItsFolderOnceADiskHasRoomForIt) {
+    SmallDisk const disk(folder.path() / "disk", "nr_inodes=2"); // the root and one more
+    if (!disk.works()) {
+        GTEST_SKIP() << "no disk can be mounted here";
+    }
+    auto const filling = folder.path() / "disk" / "filling";
+    std::ofstream(filling) << "x";
+    auto const place = folder.path() / "disk" / "data";
+    file = place / "datalogger.sqlite";
+    EXPECT_EQ(refusal(), "The data logger cannot be opened: " + file.string() + ": the directory " +
+                             place.string() + " does not exist");
+    open({.makesFolder = true});
+    auto const channel = logger->createChannel(info("a"));
+    channel->push(1.0, now());
+    turn();
+    EXPECT_EQ(log.count(Severity::Error, "Samples cannot be written and wait in memory: " + file.string() +
+                                             ": the directory " + place.string() +
+                                             " cannot be made: No space left on device"),
+              1U);
+    std::filesystem::remove(filling);
+    turn(); // now there is a folder, and no room for the file: that is still the same outage
+    EXPECT_TRUE(std::filesystem::is_directory(place));
+    logger.reset();
+    open({.makesFolder = true});
+    EXPECT_TRUE(log.has(Severity::Error, "Samples cannot be written and wait in memory: " + file.string() +
+                                             ": it cannot be opened: No space left on device"));
+    logger.reset();
+}
+
+TEST_F(SqliteDataLoggerFaults, MakesItsFolderWhereThatIsWanted) {
+    file = folder.path() / "new" / "data" / "datalogger.sqlite";
+    open({.makesFolder = true});
+    logger->createChannel(info("a"))->push(1.0, now());
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0));
+}
+
+TEST_F(SqliteDataLoggerFaults, SaysThatItsFolderCannotBeMade) {
+    writeFile(folder.path() / "none", "a file");
+    file = folder.path() / "none" / "data" / "datalogger.sqlite";
+    std::string words;
+    try {
+        Store const store(file, {.makesFolder = true});
+    } catch (std::runtime_error const& error) {
+        words = error.what();
+    }
+    EXPECT_EQ(words, "The data logger cannot be opened: " + file.string() + ": the directory " +
+                         file.parent_path().string() + " cannot be made: Not a directory");
+}
+
 // ------------------------------------------------------------------------------------------------ run time
 
 TEST_F(SqliteDataLoggerFaults, KeepsSamplesWhileTheFileIsLockedAndSaysSoOnce) {
@@ -321,6 +530,38 @@ TEST_F(SqliteDataLoggerFaults, MovesAFileAsideThatIsDamagedAtRunTime) {
     EXPECT_EQ(logger->lostSamples(), 0U);
     EXPECT_EQ(log.linesUpTo(Severity::Error).size(), 1U);
     EXPECT_TRUE(log.has(Severity::Info, "Samples are written again after 1 s"));
+}
+
+TEST_F(SqliteDataLoggerFaults, GoesOnAfterATransactionThatSomethingElseThanTheFileEnded) {
+    open();
+    Info strange = info("a");
+    strange.unit = static_cast<Unit>(99); // has no text
+    auto const channel = logger->createChannel(strange);
+    channel->push(1.0, now());
+    turn();
+    EXPECT_TRUE(log.has(Severity::Error,
+                        "Samples cannot be written and wait in memory: Requested enum value not found."));
+    logger->createChannel(info("a")); // described as it should be
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(1.0));
+}
+
+TEST_F(SqliteDataLoggerFaults, SurvivesThatAnotherProgramsDatabaseTakesItsPlace) {
+    open();
+    auto const channel = logger->createChannel(info("a"));
+    channel->push(1.0, now());
+    turn();
+    std::filesystem::remove(file);
+    std::filesystem::remove(file.string() + "-wal");
+    Outsider(file).run("CREATE TABLE wines (name TEXT)");
+    channel->push(2.0, now());
+    turn();
+    channel->push(3.0, now());
+    turn();
+    EXPECT_EQ(log.count(Severity::Error, fileError + ": it is a database of another program"), 1U);
+    std::filesystem::remove(file);
+    turn();
+    EXPECT_THAT(values("a"), ElementsAre(2.0, 3.0));
 }
 
 TEST_F(SqliteDataLoggerFaults, BeginsANewFileWhereSomebodyRemovedIt) {

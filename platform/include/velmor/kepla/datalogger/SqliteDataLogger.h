@@ -32,6 +32,8 @@ struct SqliteDataLoggerOptions {
     /// The file never has more pages of 4096 bytes, as if the disk ended there; 0 for as many as the disk
     /// takes.
     unsigned maxPages = 0;
+    /// The file's folder is made where it is missing.
+    bool makesFolder = false;
 };
 
 /// Keeps channels in a SQLite file in WAL mode, so that others may read it at any time.
@@ -39,7 +41,8 @@ struct SqliteDataLoggerOptions {
 /// Pushes go to a bounded queue. The thread "data-logger" writes it in one transaction a second, by the
 /// process's Clock. What the disk does not take waits and is tried again every second; when the room for
 /// waiting samples is full, the oldest go. They are counted, the log tells it once a burst, and a SamplesLost
-/// row stands in their channel. No fault of the disk ever reaches a pusher. A damaged file is moved aside
+/// row stands in their channel. It is the same when the disk is full or fails at the opening. No fault of the
+/// disk ever reaches a pusher. A damaged file is moved aside
 /// (".damaged-" and the time behind its name), and a new one begun.
 ///
 /// All operations may be called from any thread.
@@ -47,10 +50,12 @@ class SqliteDataLogger final : public DataLoggerInterface {
 public:
     using Options = SqliteDataLoggerOptions;
 
-    /// Opens the file, or makes it. Waits for at most 2 s for another program that holds it locked.
-    /// @param aPath     The file; its folder exists.
+    /// Opens the file, or makes it. Waits for at most 2 s for another program that holds it locked. Where the
+    /// disk is full or fails, the log tells it, samples wait, and the file is opened as soon as that is over.
+    /// @param aPath     The file; its folder exists, unless the options let it be made.
     /// @param aOptions  What is kept and how.
-    /// @throws std::runtime_error     when the file cannot be opened; the words name it and the reason.
+    /// @throws std::runtime_error     when the file cannot be opened otherwise; the words name it and the
+    ///                                reason.
     /// @throws std::invalid_argument  for a queue capacity, flush or retention interval of 0.
     explicit SqliteDataLogger(std::filesystem::path const& aPath, Options const& aOptions = {});
 
