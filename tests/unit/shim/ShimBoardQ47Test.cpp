@@ -6,8 +6,11 @@
 #include "support/HandClockScope.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestNode.h"
 
 #include <velmor/kepla/canopen/CanLinkError.h>
+#include <velmor/kepla/canopen/CanOpenMaster.h>
+#include <velmor/kepla/canopen/InProcessBus.h>
 
 #include <chrono>
 #include <limits>
@@ -662,6 +665,29 @@ TEST_F(ShimBoardQ47Test, OnlyLogsThatItCannotDump) {
                                           "Failed to dump CanOpen values with 'cannot open " + missing +
                                               "/canopen_shim_8.dump: No such file or directory'")));
     EXPECT_THAT(mNode->takeCalls(), IsEmpty());
+}
+
+TEST(ShimBoardQ47OnTheBus, LooksForItsFirmwareInTheFolderOfTheFirmware) {
+    HandClockScope const clock;
+    TemporaryDirectory const folder;
+    auto const path = [&](char const* aFile) { return (folder.path() / aFile).string(); };
+    velmor::kepla::canopen::InProcessBus bus;
+    auto const master = std::make_shared<velmor::kepla::canopen::CanOpenMaster>(bus.open("can0"), 1);
+    libfieldwarden::test::TestNode node(bus, 8);
+    node.set32({0x1000, 0}, 0x00020192);
+    node.set8({0x1F51, 1}, 1);
+    node.set32({0x1F56, 1}, 123);
+    node.set32({0x1F57, 1}, 0);
+    node.setText({0x200B, 1}, "Q47-SHIM");
+    ShimBoardQ47 board(master, 8, folder.path().string(), std::make_shared<FakeDataLogger>(),
+                       std::make_shared<FakePeriodicCallers>(), nullptr);
+    libfieldwarden::test::writeFile(path("build.info"), "jenkins_build_id=124\n"); // another one is stored
+    try {
+        board.prepare();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (std::runtime_error const& error) {
+        EXPECT_THAT(error.what(), testing::HasSubstr("'" + path("Q47_Shim_CAN_update.bin.gz") + "'"));
+    }
 }
 
 } // namespace
