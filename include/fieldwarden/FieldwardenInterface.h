@@ -74,11 +74,13 @@ public:
     virtual std::string getMdsFromSensorAndPneumaticBoard() = 0;
 
     /// @return record text of the magnet, the whole of "magnet.mds"; empty if it is missing or cannot be read
-    /// (the reason is logged). Throws nothing. Thread: any; reads a file.
+    /// (the reason is logged). Throws nothing.
+    /// Thread: any; reads a file.
     virtual std::string getMdsFromTheMagnet() = 0;
 
     /// @return record text of the variable temperature unit, the whole of "vtu.mds"; empty if it is missing
-    /// or cannot be read (the reason is logged). Throws nothing. Thread: any; reads a file.
+    /// or cannot be read (the reason is logged). Throws nothing.
+    /// Thread: any; reads a file.
     virtual std::string getVTUMDS() = 0;
 
     /// @return the flag that setLoggingTransferEnable() stored, false at first.
@@ -110,9 +112,9 @@ public:
     /// @param aDataRoot writable data; holds "deviceids" and "/libfieldwarden/matrices/enforced.dat".
     /// @throws std::invalid_argument already open with another aCanIfc or aConfigRoot.
     /// @throws std::exception whatever kept a service from coming up (std::runtime_error for a CAN interface
-    /// or board that does not answer); nothing is open then and the open may be tried again. Thread: any, but
-    /// not from a callback; opens and closes exclude each other. Blocks until the boards are up, which takes
-    /// seconds, and minutes when a board's firmware is updated.
+    /// or board that does not answer); nothing is open then and the open may be tried again.
+    /// Thread: any, but not from a callback; opens and closes exclude each other. Blocks until the boards are
+    /// up, which takes seconds, and minutes when a board's firmware is updated.
     static void openInterface(std::string const& aCanIfc,
                               std::string const& aConfigRoot,
                               std::string const& aFactoryRoot,

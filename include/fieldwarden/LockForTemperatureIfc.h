@@ -12,6 +12,7 @@ public:
 
     /// Whether the regulator of the shim coil target temperature is armed.
     /// @return true from its first sample after about five locked seconds until the lock is stopped; losing
-    /// the lock does not disarm it. Thread: any; does not block.
+    /// the lock does not disarm it.
+    /// Thread: any; does not block.
     virtual bool shimCoilTargetTemperatureRegulationArmed() const = 0;
 };

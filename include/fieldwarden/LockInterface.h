@@ -24,12 +24,14 @@ public:
     virtual bool getLock() = 0;
 
     /// Requests the start of the lock and resets the lock-lost indication. The start waits for a magnet
-    /// frequency. Thread: any except a callback's; returns at once, the start itself takes up to minutes.
+    /// frequency.
+    /// Thread: any except a callback's; returns at once, the start itself takes up to minutes.
     virtual void startLock() = 0;
 
     /// Requests the stop of the lock.
     /// @throws std::runtime_error the adjustable temperature regulation is on, the lock must stay enabled
-    /// then. Thread: any except a callback's; returns at once.
+    /// then.
+    /// Thread: any except a callback's; returns at once.
     virtual void stopLock() = 0;
 
     /// Would hold the regulation. Not offered by this instrument: only logged.
@@ -156,7 +158,8 @@ public:
 
     /// @return whether the indication of LockInterfaceListener::lost() is other than 0: true once the lock
     /// was locked since the last reset, so also while it still is. Which of the two, only the listener is
-    /// told. Thread: any; does not block.
+    /// told.
+    /// Thread: any; does not block.
     virtual bool getLockLost() = 0;
 
     /// @return the lock phase; kept only.
@@ -190,7 +193,8 @@ public:
     /// Chooses the PID set. A running lock restarts with its terms.
     /// @param aPIDSet 0 slow, 1 fast, 2 normal, see LockPIDSetID.
     /// @throws std::invalid_argument another number; the lock goes on as it is, but getLockPIDSet() answers
-    /// that number. Thread: any except a callback's; returns at once, the listener is told from within.
+    /// that number.
+    /// Thread: any except a callback's; returns at once, the listener is told from within.
     virtual void setLockPIDSet(int aPIDSet) = 0;
 
     /// @return always 0.0.
@@ -216,12 +220,13 @@ public:
     virtual void setListener(LockInterfaceListener* aListener) = 0;
 
     /// Forgets the listener; no callback runs any more when it returns. Harmless without a listener. The mock
-    /// lock does not wait: its last callback may still be under way. Thread: any except a callback's, which
-    /// would wait for itself; waits for a running callback.
+    /// lock does not wait: its last callback may still be under way.
+    /// Thread: any except a callback's, which would wait for itself; waits for a running callback.
     virtual void removeListener() = 0;
 
     /// @return warnings for the user, always empty; the mock lock returns the contents of its file
-    /// "warnings". Thread: any; does not block.
+    /// "warnings".
+    /// Thread: any; does not block.
     virtual std::string warnings() const = 0;
 
     /// @return warnings that ask the user to act: the field correction nears the end of its range, or the
@@ -230,6 +235,7 @@ public:
     virtual std::string criticalWarnings() const = 0;
 
     /// Starts the lock-lost indication afresh: 2 if the lock is locked now, else 0. The listener is told of a
-    /// change. Thread: any except a callback's; does not block.
+    /// change.
+    /// Thread: any except a callback's; does not block.
     virtual void resetLockLost() = 0;
 };

@@ -51,7 +51,8 @@ public:
     /// intended.
     /// @throws std::out_of_range aIndex is above 33.
     /// @throws std::runtime_error the shim system has not been set, or gradients were changed in the open
-    /// set. Thread: any; does not block.
+    /// set.
+    /// Thread: any; does not block.
     virtual BoundedValue getShimCurrent(unsigned int aIndex) = 0;
 
     /// Changes one current; the gradients follow at once.
@@ -59,7 +60,8 @@ public:
     /// @param aAmpere -1.0 to 1.0 A, both allowed; kept in whole uA, cut toward zero.
     /// @throws std::out_of_range index or current out of range.
     /// @throws std::runtime_error the shim system has not been set, or gradients were changed in the open
-    /// set. Thread: any except a callback's; calls the listener outside of a set.
+    /// set.
+    /// Thread: any except a callback's; calls the listener outside of a set.
     virtual void setShimCurrent(unsigned int aIndex, double aAmpere) = 0;
 
     /// Changes one gradient; outside of a set the currents follow at once, inside at its end.
@@ -112,7 +114,8 @@ public:
     virtual std::string getTOSKMatrixRelations() = 0;
 
     /// @return the record text of the shim system, the whole of "shimsys.mds"; empty if it cannot be read
-    /// (the reason is logged). Throws nothing. Thread: any; reads a file.
+    /// (the reason is logged). Throws nothing.
+    /// Thread: any; reads a file.
     virtual std::string getShimSystemMDS() = 0;
 
     /// Chooses the shim system: loads its matrix, or the enforced one if that file exists, and reads the
@@ -121,6 +124,7 @@ public:
     /// @param aShimSysType the shim system.
     /// @throws std::invalid_argument not one of ShimSysType.
     /// @throws std::runtime_error the matrix cannot be loaded (the former one stays), or a board does not
-    /// answer. Thread: any; blocks for file access and the transfers to both boards.
+    /// answer.
+    /// Thread: any; blocks for file access and the transfers to both boards.
     virtual void setShimSystem(ShimSysType aShimSysType) = 0;
 };

@@ -31,8 +31,8 @@ public:
     virtual void setListener(TemperatureListenerInterface* aListener) = 0;
 
     /// Forgets the listener. A callback that is already under way may end after this returns, so keep the
-    /// listener until the library is closed, or know that none is running. Thread: any, also a callback's;
-    /// does not block.
+    /// listener until the library is closed, or know that none is running.
+    /// Thread: any, also a callback's; does not block.
     virtual void removeListener() = 0;
 
     /// Does nothing: each setting acts at once.
@@ -58,8 +58,8 @@ public:
     virtual double getTargetMagnetTemperature() = 0;
 
     /// @return whether the magnet is ready: for 500 s the moving averages (1000 s) of all six sensors lay
-    /// within 0.02 K of the target. So it is false for at least 500 s after the opening. Thread: any; does
-    /// not block.
+    /// within 0.02 K of the target. So it is false for at least 500 s after the opening.
+    /// Thread: any; does not block.
     virtual bool isMagnetReady() = 0;
 
     /// @return probe temperature in kelvin, with the allowed range of the target as limits, format "1.1".
@@ -68,7 +68,8 @@ public:
     virtual BoundedValue getProbeTemperature() = 0;
 
     /// @return target temperature of the probe in kelvin as the user set it; at first the lower end of the
-    /// range. Thread: any; does not block.
+    /// range.
+    /// Thread: any; does not block.
     virtual double getTargetProbeTemperature() = 0;
 
     /// Sets the target temperature of the probe. While regulating a ramp towards it begins; while off it is
@@ -99,7 +100,8 @@ public:
     /// @param aStatus Off or On.
     /// @throws std::invalid_argument another value.
     /// @throws std::runtime_error no AT option; or On while the lock has not yet been locked for some
-    /// seconds. Thread: any; queues the request.
+    /// seconds.
+    /// Thread: any; queues the request.
     virtual void setProbeTemperatureStatus(ProbeTemperatureGlobalStatus aStatus) = 0;
 
     /// @return always 0: no chiller.
@@ -173,7 +175,8 @@ public:
     virtual int getProbeTemperatureRegulatorStatus() = 0;
 
     /// @return whether the probe temperature is stable: five readings, one a second, within 0.5 K of the
-    /// target. Thread: any; does not block.
+    /// target.
+    /// Thread: any; does not block.
     virtual TemperatureStability getProbeTemperatureRegulatorStability() = 0;
 
     /// @return power of the probe gas heater in watt; 0.0 without AT option.
@@ -207,7 +210,8 @@ public:
     /// @param aTemperature kelvin, not negative; the limits of board and flow table stay in force.
     /// @throws std::invalid_argument negative, or the new limit leaves no room for a target.
     /// @throws std::runtime_error a target must be moved on a system without AT option, or the board does not
-    /// answer. Thread: any; may block for transfers to the board. Calls the listener with both limits.
+    /// answer.
+    /// Thread: any; may block for transfers to the board. Calls the listener with both limits.
     virtual void setProbeTemperatureMin(double aTemperature) = 0;
 
     /// Narrows the range of the probe target from above. A target that falls out of it is moved to the new
@@ -215,7 +219,8 @@ public:
     /// @param aTemperature kelvin, not negative; the limits of board and flow table stay in force.
     /// @throws std::invalid_argument negative, or the new limit leaves no room for a target.
     /// @throws std::runtime_error a target must be moved on a system without AT option, or the board does not
-    /// answer. Thread: any; may block for transfers to the board. Calls the listener with both limits.
+    /// answer.
+    /// Thread: any; may block for transfers to the board. Calls the listener with both limits.
     virtual void setProbeTemperatureMax(double aTemperature) = 0;
 
     /// Sets how the shim coils are tempered and saves it on the board if it changed.

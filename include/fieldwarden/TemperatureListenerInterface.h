@@ -31,7 +31,8 @@ public:
 
     /// The shim coil temperature moved.
     /// @param aTemperature kelvin, referred to the nominal target of 298.15 K; reported from changes of 0.001
-    /// K. Thread: whichever read the sensor.
+    /// K.
+    /// Thread: whichever read the sensor.
     virtual void coilTemperatureChanged(double aTemperature) = 0;
 
     /// The target temperature of the probe was set, by the user or by a narrowed range.

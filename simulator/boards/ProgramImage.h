@@ -61,8 +61,7 @@ struct ProgramImage {
     /// @param aPacked    The compressed bytes.
     /// @param aPlatform  What the board is.
     /// @throws ProgramImageError  UnknownFormat for data that are not compressed, have another magic word or
-    /// are for
-    ///                            another platform; Damaged for a wrong length or check sum.
+    ///                            are for another platform; Damaged for a wrong length or check sum.
     static ProgramImage check(std::span<std::uint8_t const> aPacked, std::string const& aPlatform);
 };
 

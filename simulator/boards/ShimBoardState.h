@@ -25,8 +25,7 @@ struct ShimBoardState : BoardState {
     /// Reads a file. Blocks on the disk.
     /// @return None when there is no such file.
     /// @throws std::runtime_error  when it cannot be read or does not hold a whole and sensible state; the
-    /// words name
-    ///                             the path and the reason.
+    ///                             words name the path and the reason.
     static std::optional<ShimBoardState> load(std::filesystem::path const& aPath);
 
     /// Writes a file, its folder included, so that a reader and a crash find the old state or the new one.

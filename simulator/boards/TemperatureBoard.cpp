@@ -428,8 +428,7 @@ void TemperatureBoard::bindIsoBox() {
     mDictionary.onRead({0x3207, 3}, [this] { return milliWord(mControl->measured(HeatsinkAir)); });
 }
 
-// ---------------------------------------------------------------------------------------------- probe and
-// gas
+// --------------------------------------------------------------------------------------------- probe and gas
 
 void TemperatureBoard::bindGas() {
     onReadEach(0x3301, 1, 3,

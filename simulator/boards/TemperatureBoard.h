@@ -86,8 +86,7 @@ public:
     /// @param aRoom  The room's air from now on, its time counted from the board's start.
     void setRoom(DailyAmbient const& aRoom);
     /// @return The worst that was done to the heating spiral so far: to within a sample where the gas was
-    /// lost
-    ///         in the box, at once where the board was told.
+    ///         lost in the box, at once where the board was told.
     HeatingWatch heatingWatch();
     /// Forgets it.
     void resetHeatingWatch();

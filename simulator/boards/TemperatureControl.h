@@ -126,8 +126,7 @@ public:
     bool takeCut();
 
     /// @return What the last sample measured, in degrees Celsius; what a broken sensor shows is the end of
-    /// its
-    ///         range.
+    ///         its range.
     double measured(TemperatureSensor aSensor) const;
     SensorFault fault(TemperatureSensor aSensor) const;
     void setFault(TemperatureSensor aSensor, SensorFault aFault);

@@ -127,7 +127,8 @@ public:
         libfieldwarden::LockProgressListener aListener) override;
     void setProgressListener(libfieldwarden::LockProgressListener aListener) override;
 
-    /// @return The sequences on the sequencer, for diagnosis. Thread: any; does not block.
+    /// @return The sequences on the sequencer, for diagnosis.
+    /// Thread: any; does not block.
     std::shared_ptr<LockHardwareHelper> hwHelper() const;
 
     /// @return New workflows on this lock's objects. They must not run while the state machine starts or

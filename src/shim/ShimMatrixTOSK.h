@@ -25,8 +25,7 @@ class ShimMatrixTOSK : public AbstractShimMatrix, private virtual velmor::kepla:
 public:
     /// Loads a file. Blocks as long as the file system needs.
     /// @throws std::invalid_argument  when the file cannot be opened or read, or when a weight stands at a
-    /// number that
-    ///                                is no gradient's.
+    ///                                number that is no gradient's.
     /// @throws std::runtime_error     when the text is not a TOSK file; the log has the line.
     /// @throws std::out_of_range      when a row or column is not within 1 to 40.
     explicit ShimMatrixTOSK(std::string const& aPath);

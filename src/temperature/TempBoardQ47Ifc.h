@@ -60,8 +60,7 @@ public:
 
     /// Sets the target temperature of the whole magnet.
     /// @param aTemperature  In degrees Celsius, as the only temperature of this interface: it goes to the
-    /// board
-    ///                      as given. The board has room for 0 to 65.535.
+    ///                      board as given. The board has room for 0 to 65.535.
     virtual void setTargetMagnetTemperature(double aTemperature) = 0;
 
     /// @return Temperature of the iso box, in K.

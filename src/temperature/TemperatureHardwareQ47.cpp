@@ -186,8 +186,7 @@ void TemperatureHardwareQ47::push(Channel const& aChannel, double aValue) const 
     aChannel->push(aValue, mClock.systemNow());
 }
 
-// ------------------------------------------------------------------------- listener, lock, and board's
-// record
+// ------------------------------------------------------------------------ listener, lock, and board's record
 
 void TemperatureHardwareQ47::setListener(TemperatureListenerInterface* aListener) {
     mListener->setListener(aListener);
@@ -364,8 +363,7 @@ std::string TemperatureHardwareQ47::getProbeTemperatureMeasurements() {
     }
 }
 
-// --------------------------------------------------------------------------------- probe gas and sample
-// exchange
+// ----------------------------------------------------------------------------- probe gas and sample exchange
 
 double TemperatureHardwareQ47::getProbeMeasuredGasFlow() {
     return mListener->gasFlow();
@@ -409,8 +407,7 @@ bool TemperatureHardwareQ47::getAirFlowForSampleExchange() const {
     return mATController->isInSampleTransferMode();
 }
 
-// ------------------------------------------------------------------------------------------- magnet
-// readiness
+// ------------------------------------------------------------------------------------------ magnet readiness
 
 /// A read that fails is logged and loses its signal only.
 void TemperatureHardwareQ47::guarded(char const* aSignal, std::function<void()> const& aUpdate) const {

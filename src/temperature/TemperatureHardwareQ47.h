@@ -56,8 +56,7 @@ public:
     /// @param aDeviceId         Gives the main record, which tells the Peltier element of the iso box; not
     /// null.
     /// @param aVtuMdsPath       File with the record of the variable temperature unit; one that cannot be
-    /// read
-    ///                          makes a system without adjustable temperature.
+    ///                          read makes a system without adjustable temperature.
     /// @throws std::runtime_error  when the board cannot be set up.
     TemperatureHardwareQ47(
         std::shared_ptr<TempBoardQ47Ifc> aBoard,

@@ -13,8 +13,7 @@ class LockPIDStreamIfc {
 public:
     /// Switches the stream on.
     /// @throws std::runtime_error  when it is on, or its device cannot be opened or flushed; but for the
-    /// first,
-    ///                             it is off then and can be started again.
+    ///                             first, it is off then and can be started again.
     virtual void start() = 0;
 
     /// Switches the stream off; records that wait stay in the queue. Harmless when it is off.

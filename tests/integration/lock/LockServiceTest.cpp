@@ -265,8 +265,7 @@ TEST_F(LockService, SaysWhenEveryFidOverflows) {
     EXPECT_TRUE(mHeard.await("state 1"));
 }
 
-// ------------------------------------------------------------------------------------------------- while it
-// runs
+// --------------------------------------------------------------------------------------------- while it runs
 
 TEST_F(LockService, LosesTheLockWhenTheFieldJumpsAndTakesItBack) {
     openLocked();

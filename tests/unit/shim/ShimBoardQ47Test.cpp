@@ -111,8 +111,7 @@ TEST_F(ShimBoardQ47Test, AsksAgainForANumberOfSourcesThatCouldNotBeRead) {
     EXPECT_EQ(mBoard->getCurrentSourcesCount(), 17U);
 }
 
-// ------------------------------------------------------------------------------------------------ one
-// current
+// ----------------------------------------------------------------------------------------------- one current
 
 TEST_F(ShimBoardQ47Test, ReadsTheCurrentOfASource) {
     know();

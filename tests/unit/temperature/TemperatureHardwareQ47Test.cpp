@@ -588,8 +588,7 @@ TEST_F(TemperatureHardwareQ47Test, ChangesAndSavesTheShimCoolingMode) {
                 ElementsAre("shimTemperingMode()", "setShimTemperingMode(1)", "setupSavedOnEEPROM()"));
 }
 
-// ---------------------------------------------------------------------------------------- lock, board,
-// listener
+// ------------------------------------------------------------------------------------- lock, board, listener
 
 TEST_F(TemperatureHardwareQ47Test, MovesTheShimCoilsForTheLock) {
     ShimTargetTemperatureIfc& forLock = quietService();

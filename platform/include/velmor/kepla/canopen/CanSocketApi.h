@@ -45,8 +45,7 @@ public:
     /// @param aWait     Whether to wait for one, at most for the socket's SO_RCVTIMEO.
     /// @param aFrame    Where the frame goes.
     /// @param aDropped  Where the count of frames goes that the kernel has dropped on this socket so far;
-    /// left
-    ///                  alone when the kernel does not tell.
+    ///                  left alone when the kernel does not tell.
     /// @return The bytes read; EAGAIN when there is no frame.
     virtual ssize_t read(int aSocket, bool aWait, can_frame& aFrame, unsigned& aDropped) = 0;
 

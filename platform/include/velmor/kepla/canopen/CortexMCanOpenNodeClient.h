@@ -109,8 +109,7 @@ public:
     /// fails after that, the board is left to its bootloader or to its old program, and can be updated again.
     /// @param aProgramRuns  Whether the board's program runs now, so that it has a state worth keeping.
     /// @throws std::runtime_error  with the node and the reason; and what preFirmwareUpdate() throws, in
-    /// which
-    ///                             case the board keeps its firmware.
+    ///                             which case the board keeps its firmware.
     virtual void updateFirmware(bool aProgramRuns);
 
     /// Called before the firmware is replaced. Does nothing here.

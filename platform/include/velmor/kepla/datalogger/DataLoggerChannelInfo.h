@@ -23,8 +23,7 @@ struct DataLoggerChannelInfo {
     static constexpr double kNoUpperLimit = std::numeric_limits<double>::max();
 
     /// @param aPath           Name of the channel, from the general to the particular; at least one part,
-    /// none
-    ///                        empty. The parts are joined with "/", so a part may hold several levels.
+    ///                        none empty. The parts are joined with "/", so a part may hold several levels.
     /// @param aUnit           Unit of the values.
     /// @param aStats          Statistics to keep beside the samples.
     /// @param aStorageType    How long the samples are kept; None for no samples at all.

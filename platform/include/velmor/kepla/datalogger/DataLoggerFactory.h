@@ -12,8 +12,7 @@ namespace velmor::kepla::datalogger {
 class DataLoggerFactory {
 public:
     /// @param aDiscard  Whether nothing shall be kept: channels are made and swallow what is pushed. False
-    /// for
-    ///                  the data logger of the process's backend.
+    ///                  for the data logger of the process's backend.
     explicit DataLoggerFactory(bool aDiscard);
     ~DataLoggerFactory() = default;
 

@@ -13,8 +13,7 @@ class DataLoggerStats {
 public:
     /// @param aStorageType  How long the statistics are kept; None for no statistics.
     /// @param aPeriod       Length of the periods; they begin at its multiples since 1970-01-01 UTC. More
-    /// than
-    ///                      0 s, or 0 s without statistics.
+    ///                      than 0 s, or 0 s without statistics.
     /// @throws std::invalid_argument  for a period that is no such length.
     DataLoggerStats(DataLoggerStorageType const& aStorageType, std::chrono::seconds const& aPeriod);
 
