@@ -27,7 +27,6 @@ constexpr std::uint8_t kInitialShift = 6;
 constexpr int kWantedBitOfPeak = 29; ///< Two bits of headroom under the sign of a 32-bit word.
 constexpr unsigned int kGreatestShift = 31;
 constexpr unsigned int kCleanAcquisitions = 10;
-constexpr auto kLongestAcquisition = 1000ms;
 
 } // namespace
 
@@ -59,7 +58,7 @@ void LockCICShift::setUp() {
         mHardware->statusFidOverflow()->clear();
         for (unsigned int counter = 0; counter < 2; ++counter) {
             checkEnd();
-            if (!mHelper->irqFidDone()->waitFor(kLongestAcquisition)) {
+            if (!mHelper->irqFidDone()->waitFor(LockHardwareHelper::kLongestAcquisition)) {
                 keplaDoLog(Severity::Error, "~setUp: did not get FID done interrupt, counter = %u", {},
                            counter);
                 throw std::runtime_error(
@@ -140,7 +139,7 @@ unsigned int LockCICShift::shiftFromPeak(std::uint8_t aStart) {
 unsigned int LockCICShift::cleanAcquisitions(std::uint8_t aShift) {
     for (unsigned int good = 0; good < kCleanAcquisitions; ++good) {
         checkEnd();
-        if (!mHelper->irqFidDone()->waitFor(kLongestAcquisition)) {
+        if (!mHelper->irqFidDone()->waitFor(LockHardwareHelper::kLongestAcquisition)) {
             keplaDoLog(Severity::Error, "~optimize: did not get FID done interrupt, counter = %u", {}, good);
             throw std::runtime_error("Lock set up: did not receive the FID done interrupt");
         }

@@ -2,6 +2,8 @@
 // The lock's state machine: its events, its states and who goes where. It runs on the worker of LockFSM.
 #pragma once
 
+#include "lock/LockStatus.h"
+
 #include <velmor/kepla/log/Logger.h>
 
 #include <memory>
@@ -64,9 +66,6 @@ public:
     virtual void start() = 0;
     virtual void stop() = 0;
 };
-
-/// The numbers that LockInterfaceListener::state() is told.
-enum class LockStatus : int { Stopped = 0, Locked = 1, Running = 2, Error = 6 };
 
 /// A state's logger: tells that the state is entered when it is made, and that it is left when it goes.
 class StateLog : protected velmor::kepla::log::Logger {

@@ -6,6 +6,7 @@
 #include "lock/LockListenerSync.h"
 #include "lock/LockParametersInterface.h"
 #include "lock/LockShimTargetTemperatureRegulator.h"
+#include "lock/LockStatus.h"
 #include "lock/LockStreams.h"
 #include "lock/LockWorkflows.h"
 #include "lock/hardware/LockHardwareHelper.h"
@@ -32,6 +33,7 @@ using libfieldwarden::LockRegisterText;
 using libfieldwarden::LockScanPoint;
 using libfieldwarden::lock::LockProgress;
 using libfieldwarden::lock::LockProgressObserver;
+using libfieldwarden::lock::OutputRangeWarning;
 using velmor::kepla::datalogger::DataLoggerInterface;
 using velmor::kepla::datalogger::DataLoggerStats;
 using velmor::kepla::datalogger::DataLoggerStorageType;
@@ -46,7 +48,6 @@ namespace {
 constexpr double kRestartChangeHz = 900.0;
 /// The step of the spectrometer frequency that brings the H0 output back into its range.
 constexpr double kAdvisedStepHz = 4000.0;
-constexpr int kRangeWarning = 2;
 
 /// The workflows' news of progress in the boundary's words.
 LockProgressObserver observer(LockProgressListener aListener) {
@@ -225,7 +226,7 @@ std::string LockQ47::warnings() const {
 
 std::string LockQ47::criticalWarnings() const {
     std::string text;
-    if (mStreams->outputRangeWarning() == kRangeWarning) {
+    if (mStreams->outputRangeWarning() == static_cast<int>(OutputRangeWarning::NearItsEnd)) {
         text = lockDACRangeWarningMessage();
     }
     if (mStreams->pidDataTimedOut()) {

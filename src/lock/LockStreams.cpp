@@ -6,6 +6,7 @@
 #include "lock/LockParametersInterface.h"
 #include "lock/LockShimTargetTemperatureRegulatorIfc.h"
 #include "lock/LockSlope0Crossing.h"
+#include "lock/LockStatus.h"
 #include "lock/hardware/LockHardwareInterface.h"
 #include "lock/hardware/LockPIDStreamIfc.h"
 #include "lock/hardware/LockStreamPIDData.h"
@@ -24,6 +25,8 @@
 #include <numeric>
 #include <utility>
 
+using libfieldwarden::lock::LockStatus;
+using libfieldwarden::lock::OutputRangeWarning;
 using velmor::kepla::datalogger::DataLoggerInterface;
 using velmor::kepla::datalogger::DataLoggerStats;
 using velmor::kepla::datalogger::DataLoggerStorageType;
@@ -37,13 +40,8 @@ constexpr std::chrono::duration<double> kRecordTimeout{1.0};
 constexpr std::chrono::seconds kPushInterval{1};
 constexpr std::chrono::nanoseconds kLockedBeforeRegulation{5'000'000'000};
 constexpr double kDumpIntervalSeconds = 5.0;
-constexpr int kNoWarning = 0;
-constexpr int kWarning = 2;
-
-/// Numbers of LockInterfaceListener::state().
-constexpr int kStopped = 0;
-constexpr int kLocked = 1;
-constexpr int kNotLocked = 2;
+constexpr int kNoWarning = static_cast<int>(OutputRangeWarning::None);
+constexpr int kWarning = static_cast<int>(OutputRangeWarning::NearItsEnd);
 
 } // namespace
 
@@ -182,7 +180,7 @@ void LockStreams::stopPIDStream() {
     keplaDoLog(Severity::Debug, "+stopPIDStream", {});
     mRegulator->stop();
     haltPIDStream();
-    mListener->state(kStopped);
+    mListener->state(static_cast<int>(LockStatus::Stopped));
     mListener->doing("stopped");
 }
 
@@ -339,14 +337,14 @@ void LockStreams::changeLocked(bool aLocked) {
     mChannelLocked->push(aLocked ? 1.0 : 0.0, mClock.systemNow());
     if (aLocked) {
         keplaDoLog(Severity::Info, "Locked state changed to TRUE", {});
-        mListener->state(kLocked);
+        mListener->state(static_cast<int>(LockStatus::Locked));
         mListener->doing("locked");
         mDeferFFT.trigger("lastlocked");
         mStartRegulator = true;
         mLockedSince = mClock.now();
     } else {
         keplaDoLog(Severity::Info, "Locked state changed to FALSE", {});
-        mListener->state(kNotLocked);
+        mListener->state(static_cast<int>(LockStatus::Running));
         mListener->doing("trying to lock");
         mDeferFFT.trigger("lastloss");
         mRegulator->pause();

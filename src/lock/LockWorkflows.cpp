@@ -37,7 +37,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLongestAcquisition = 1000ms;
 constexpr unsigned int kAcquisitionsToWait = 16;
 constexpr std::uint8_t kGroupDelay = 6;
 constexpr std::uint8_t kPidOutputShift = 30;
@@ -168,7 +167,7 @@ void LockWorkflows::letSettle() {
         checkEnd();
         tell("Letting the lock signal settle", done, kAcquisitionsToWait);
         keplaDoLog(Severity::Trace, "~start: %u lock acquisitions done", {}, done);
-        if (!mHelper->irqFidDone()->waitFor(kLongestAcquisition)) {
+        if (!mHelper->irqFidDone()->waitFor(LockHardwareHelper::kLongestAcquisition)) {
             keplaDoLog(Severity::Error, "irqFidDone not raised within 1 second", {});
         }
     }

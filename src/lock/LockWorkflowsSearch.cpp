@@ -31,7 +31,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kSynthesiserSettling = 150000ns;
 constexpr auto kH0Settling = 100ms;
-constexpr auto kLongestAcquisition = 1000ms;
 
 constexpr double kSliceWidthHz =
     0.51089; // Intended: a number of its own, a little less than the FFT's width.
@@ -128,7 +127,7 @@ bool LockWorkflows::isFIDAtH0(int aH0, unsigned int& aDumpCounter) {
     mHardware->dacData()->set(word);
     mClock.sleepFor(kH0Settling);
     mHardware->statusFidOverflow()->clear();
-    if (!mHelper->irqFidDone()->waitFor(kLongestAcquisition)) {
+    if (!mHelper->irqFidDone()->waitFor(LockHardwareHelper::kLongestAcquisition)) {
         keplaDoLog(Severity::Error, "~searchFid: did not get FID done interrupt.", {});
         throw std::runtime_error("Did not get a lock FID.");
     }
@@ -159,7 +158,7 @@ bool LockWorkflows::searchField_isFIDAtFrequency(double frequency19F) {
     }
     for (unsigned int done = 1; done <= 2; ++done) { // both see the new frequency
         checkEnd();
-        (void)mHelper->irqFidDone()->waitFor(kLongestAcquisition);
+        (void)mHelper->irqFidDone()->waitFor(LockHardwareHelper::kLongestAcquisition);
         keplaDoLog(Severity::Debug, "~searchField_isFIDAtFrequency: %u acquisitions done", {}, done);
     }
     checkEnd();

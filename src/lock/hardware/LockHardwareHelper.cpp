@@ -15,7 +15,6 @@ using velmor::kepla::utils::Bits;
 
 namespace {
 
-constexpr std::chrono::milliseconds kAcquisitionTimeout{1000};
 /// What a DAC word must have for the DAC to take it.
 constexpr std::uint32_t kDacWrite = 0x40000000U;
 constexpr unsigned int kDacBits = 24;
@@ -177,7 +176,7 @@ bool LockHardwareHelper::hasFID() const {
 bool LockHardwareHelper::testIfFID() const {
     keplaDoLog(Severity::Trace, "+testIfFID", {});
     mHardware->statusFidOverflow()->clear();
-    if (!irqFidDone()->waitFor(kAcquisitionTimeout)) {
+    if (!irqFidDone()->waitFor(kLongestAcquisition)) {
         keplaDoLog(Severity::Error, "~testIfFID: did not get FID done interrupt", {});
         return false;
     }
@@ -191,7 +190,7 @@ bool LockHardwareHelper::testIfFID() const {
 void LockHardwareHelper::waitForFID(std::string const& aContext) const {
     keplaDoLog(Severity::Trace, "+waitForFID(context = %s)", {}, aContext);
     mHardware->statusFidOverflow()->clear();
-    if (!irqFidDone()->waitFor(kAcquisitionTimeout)) {
+    if (!irqFidDone()->waitFor(kLongestAcquisition)) {
         keplaDoLog(Severity::Error, "~waitForFID: did not get FID done interrupt. Context = %s", {},
                    aContext);
         throw std::runtime_error("Did not get a lock FID in time. Context is " + aContext);

@@ -7,6 +7,7 @@
 
 #include <velmor/kepla/log/Logger.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -39,6 +40,9 @@ class DataLoggerInterface;
 /// through every operation.
 class LockHardwareHelper : private virtual velmor::kepla::log::Logger {
 public:
+    /// How long the end of an acquisition is waited for; it takes some 30 ms.
+    static constexpr std::chrono::milliseconds kLongestAcquisition{1000};
+
     LockHardwareHelper(std::shared_ptr<LockHardwareInterface> aHardware,
                        std::shared_ptr<velmor::kepla::datalogger::DataLoggerInterface> aDataLogger);
 

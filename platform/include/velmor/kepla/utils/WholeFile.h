@@ -10,7 +10,7 @@ namespace velmor::kepla::utils {
 
 /// The most bytes that readWholeFile() takes: many times a record or a state, and nothing to a board's
 /// memory.
-inline constexpr std::size_t kWholeFileLimit = std::size_t{16} * 1024 * 1024;
+inline constexpr std::size_t kWholeFileLimit = std::size_t{64} * 1024 * 1024;
 
 /// Reads a file from its beginning to its end, unchanged. Any thread; blocks while it reads.
 /// @param aPath  The file.
