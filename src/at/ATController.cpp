@@ -313,8 +313,7 @@ void ATController::setProbeTemperatureMax(double aKelvin) {
     }
 }
 
-// ---------------------------------------------------------------------------------------- ticks and
-// stability
+// --------------------------------------------------------------------------------------- ticks and stability
 
 void ATController::tick() {
     auto const now = mClock.now();

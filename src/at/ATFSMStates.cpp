@@ -198,8 +198,7 @@ bool FSMAT::endHeatingSomehow() noexcept {
     return heatingIsOff;
 }
 
-// ------------------------------------------------------------------------------------------ the normal
-// states
+// ----------------------------------------------------------------------------------------- the normal states
 
 NormalMetaState::NormalMetaState(my_context aContext)
     : Logger("AT FSM: Normal Meta State", kCategory)
@@ -480,8 +479,7 @@ HardPowerOff::HardPowerOff(my_context aContext)
     machine.listener()->probeTemperatureControlStatusChanged(ControlStatus::Off);
 }
 
-// -------------------------------------------------------------------------------------- the sample's
-// exchange
+// ------------------------------------------------------------------------------------- the sample's exchange
 
 SampleExchangeMetaState::SampleExchangeMetaState(my_context aContext)
     : Logger("AT FSM: SampleExchange Meta State", kCategory)

@@ -307,8 +307,7 @@ void FlowController::push(Channel const& aChannel, double aValue) const {
     aChannel->push(aValue, mClock.systemNow());
 }
 
-// ---------------------------------------------------------------------------------------- the one that
-// watches
+// -------------------------------------------------------------------------------------- the one that watches
 
 void FlowController::pollATFlowBox() {
     keplaDoLog(Severity::Trace, "+pollATFlowBox", {});

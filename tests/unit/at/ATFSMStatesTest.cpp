@@ -637,8 +637,7 @@ TEST(ATFSMStates, RampDownOnATargetThatIsTooLow) {
     EXPECT_EQ(machine.parameters->targetTemperature(), 290.0);
 }
 
-// ----------------------------------------------------------------------------------------- failures in
-// states
+// ---------------------------------------------------------------------------------------- failures in states
 
 TEST(ATFSMStates, RampDownWhenAStepFails) {
     ATMachine machine;
