@@ -19,7 +19,7 @@ namespace {
 
 } // namespace
 
-std::string readWholeFile(std::filesystem::path const& aPath) {
+std::string readWholeFile(std::filesystem::path const& aPath, std::size_t aLimit) {
     std::error_code ignored;
     auto const type = std::filesystem::status(aPath, ignored).type();
     if (type == std::filesystem::file_type::fifo || type == std::filesystem::file_type::character) {
@@ -33,7 +33,7 @@ std::string readWholeFile(std::filesystem::path const& aPath) {
     file.exceptions(std::ios::badbit);
     std::array<char, std::size_t{64} * 1024> piece{};
     while (file.read(piece.data(), piece.size()), file.gcount() > 0) {
-        if (text.size() + static_cast<std::size_t>(file.gcount()) > kWholeFileLimit) {
+        if (text.size() + static_cast<std::size_t>(file.gcount()) > aLimit) {
             fail(aPath, "is too large");
         }
         text.append(piece.data(), static_cast<std::size_t>(file.gcount()));

@@ -7,6 +7,8 @@
 #include <velmor/kepla/utils/WholeFile.h>
 
 #include <chrono>
+#include <cstddef>
+#include <limits>
 #include <system_error>
 
 using velmor::kepla::log::Severity;
@@ -22,7 +24,7 @@ std::string readControlFile(std::filesystem::path const& aPath) {
     if (!std::filesystem::is_regular_file(aPath, unreadable)) {
         return {};
     }
-    return velmor::kepla::utils::readWholeFile(aPath);
+    return velmor::kepla::utils::readWholeFile(aPath, std::numeric_limits<std::size_t>::max());
 }
 
 } // namespace
