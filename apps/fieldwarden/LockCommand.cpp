@@ -6,7 +6,6 @@
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/ProgressBar.h"
-#include "apps/fieldwarden/StopSignal.h"
 #include "apps/fieldwarden/WholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
@@ -32,7 +31,7 @@ constexpr double kHertzPerMegahertz = 1.0e6;
 struct Interrupted {};
 
 /// What the end of a start means to the shell, told; none when it went well.
-std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, StopSignal const& aStop) {
+std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, Session& aSession) {
     switch (aEnd) {
         case StartEnd::Regulating:
             return std::nullopt;
@@ -45,8 +44,7 @@ std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, StopSignal 
         case StartEnd::Interrupted:
             break;
     }
-    complain(aStop.name() + ", closed");
-    return kLost;
+    return aSession.closeForSignal();
 }
 
 std::string wholeText(std::filesystem::path const& aPath) {
@@ -123,6 +121,9 @@ Chart chartOf(std::vector<LockScanPoint> aPoints) {
 int lockRegisters(LockOptions const& aOptions) {
     Session session(aOptions.session);
     auto const registers = diagnosticsOf(session).readRegisters();
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     session.close();
     printRegisters(registers, aOptions.form);
     bool const whole = std::all_of(registers.begin(), registers.end(),
@@ -132,18 +133,20 @@ int lockRegisters(LockOptions const& aOptions) {
 
 int lockDump(LockOptions const& aOptions, LockDumpKind aKind, std::filesystem::path const& aFile) {
     auto const frequency = frequencyFor(aOptions.session, aOptions.frequency);
-    StopSignal const stop;
     Session session(aOptions.session);
     if (session.library().getShim() != nullptr) {
         session.shim();
     }
     if (frequency) {
         std::string words;
-        if (auto const end = toldEnd(startLock(session, *frequency, stop, words), words, stop)) {
+        if (auto const end = toldEnd(startLock(session, *frequency, words), words, session)) {
             return *end;
         }
     }
     std::filesystem::path const folder = diagnosticsOf(session).dumpSignal(kDumpName);
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     std::string const kind = aKind == LockDumpKind::Fid ? "fid" : "fft";
     std::string const content = wholeText(folder / ("lock_" + kind + "_" + kDumpName + ".h5"));
     session.close();
@@ -164,7 +167,6 @@ int lockScan(LockOptions const& aOptions, std::optional<std::filesystem::path> c
         throw WrongUsage("'" + aPicture->string() +
                          "' names no picture: its name has to end in .png or .svg");
     }
-    StopSignal const stop;
     Session session(aOptions.session);
     if (session.library().getShim() != nullptr) {
         session.shim();
@@ -175,15 +177,13 @@ int lockScan(LockOptions const& aOptions, std::optional<std::filesystem::path> c
     try {
         ProgressBar bar;
         points = diagnostics.scanFrequencies([&](LockStepProgress const& aProgress) {
-            if (!stop.name().empty()) {
+            if (session.stop().came()) {
                 throw Interrupted();
             }
             bar.show(aProgress.step, aProgress.done, aProgress.total);
         });
     } catch (Interrupted const&) {
-        session.close();
-        complain(stop.name() + ", closed");
-        return kLost;
+        return session.closeForSignal();
     }
     session.close();
     printPoints(points, aOptions.form);

@@ -111,7 +111,7 @@ LockDiagnosticsInterface& diagnosticsOf(Session& aSession) {
     return *diagnostics;
 }
 
-StartEnd startLock(Session& aSession, double aFrequencyHz, StopSignal const& aStop, std::string& aWords) {
+StartEnd startLock(Session& aSession, double aFrequencyHz, std::string& aWords) {
     LockInterface& lock = *aSession.library().getLock();
     LockDiagnosticsInterface& diagnostics = diagnosticsOf(aSession);
     StartListener listener;
@@ -123,7 +123,7 @@ StartEnd startLock(Session& aSession, double aFrequencyHz, StopSignal const& aSt
     std::optional<StartEnd> end;
     while (!end) {
         end = listener.look(bar, aWords);
-        if (!end && !aStop.name().empty()) {
+        if (!end && aSession.stop().came()) {
             end = StartEnd::Interrupted;
         } else if (!end && std::chrono::steady_clock::now() > deadline) {
             end = StartEnd::TimedOut;

@@ -74,8 +74,8 @@ public:
         }
         auto const frequency = frequencyFor(mOptions.session, mOptions.frequency);
         auto const target = mOptions.at ? std::optional(temperatureFromText(*mOptions.at)) : std::nullopt;
-        StopSignal const stop;
         Session session(mOptions.session);
+        StopSignal const& stop = session.stop();
         announceOpening(session);
         {
             std::optional<ShimEvents> shimEvents;
@@ -258,7 +258,7 @@ private:
     }
 
     void listen(StopSignal const& aStop) {
-        while (mReaderThere && aStop.name().empty() && (!mEnd || RealTime::now() < *mEnd) && !isDone()) {
+        while (mReaderThere && !aStop.came() && (!mEnd || RealTime::now() < *mEnd) && !isDone()) {
             waitFor(aStop.descriptor(), waitMilliseconds(mEnd));
         }
     }
@@ -288,7 +288,7 @@ private:
         mProbe->switchOff();
         if (!mProbe->over()) {
             mBar.clear();
-            complain((aStop.name().empty() ? "" : aStop.name() + ", ") +
+            complain((aStop.came() ? aStop.name() + ", " : "") +
                      std::string("bringing the probe down before closing"));
         }
         while (!mProbe->over() && !mProbe->overdue()) {
@@ -314,7 +314,7 @@ private:
             return kTimedOut;
         }
         if (mOptions.untilStable && !mReachedStable) {
-            return aStop.name().empty() ? kTimedOut : kLost;
+            return aStop.came() ? kLost : kTimedOut;
         }
         return kDone;
     }
@@ -350,7 +350,7 @@ private:
     }
 
     void closeInOrder(Session& aSession, StopSignal const& aStop, RealTime::time_point aBegin) {
-        if (!aStop.name().empty()) {
+        if (aStop.came()) {
             complain(aStop.name() + ", closing");
         }
         mPhases.begin("close");

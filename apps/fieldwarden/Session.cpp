@@ -2,6 +2,8 @@
 // Opening the library where the options say, and leaving nothing behind.
 #include "apps/fieldwarden/Session.h"
 
+#include "apps/fieldwarden/ExitCode.h"
+#include "apps/fieldwarden/Output.h"
 #include "apps/fieldwarden/WrongUsage.h"
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
@@ -180,6 +182,12 @@ void Session::close() {
     if (std::exchange(mLibrary, nullptr) != nullptr) {
         FieldwardenInterface::closeInterface();
     }
+}
+
+int Session::closeForSignal() {
+    close();
+    complain(mStop.name() + ", closed");
+    return kLost;
 }
 
 } // namespace libfieldwarden::app

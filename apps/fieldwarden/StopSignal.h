@@ -21,6 +21,9 @@ public:
     /// @return A descriptor that becomes readable when a signal has come.
     int descriptor() const noexcept { return mPipe[0]; }
 
+    /// @return Whether one has come.
+    bool came() const { return !name().empty(); }
+
     /// @return "Ctrl-C" or "SIGTERM" for the one that came; empty while none has.
     std::string name() const;
 

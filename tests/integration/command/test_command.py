@@ -160,6 +160,48 @@ class Run(WithoutMockDirectory):
         self.assertFalse(MOCK.exists())
 
 
+class Signals(WithoutMockDirectory):
+    """Where nothing is said while the work goes on, a signal comes as the library opens."""
+
+    def setUp(self):
+        super().setUp()
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.temporary = self.folder / 'tmp'
+        self.temporary.mkdir()
+
+    def assert_closed_by(self, number, words, *arguments):
+        process = start(*arguments, '--simulate', env={**os.environ, 'TMPDIR': str(self.temporary)})
+        while not list(self.temporary.glob('fieldwarden-*/var/log/libFieldwarden.log')):
+            self.assertIsNone(process.poll())
+        process.send_signal(number)
+        out, err = process.communicate(timeout=LONG)
+        self.assertEqual((process.returncode, out), (4, ''), err)
+        self.assertEqual(err.splitlines()[-1], f'fieldwarden: {words}, closed')
+        self.assertEqual(list(self.temporary.iterdir()), [])
+        self.assertFalse(MOCK.exists())
+
+    def test_registers_closes_in_order_on_ctrl_c(self):
+        self.assert_closed_by(signal.SIGINT, 'Ctrl-C', 'registers')
+
+    def test_temperature_closes_in_order_on_sigterm(self):
+        self.assert_closed_by(signal.SIGTERM, 'SIGTERM', 'temperature', '--lock', 'mock')
+
+    def test_at_flows_closes_in_order_on_ctrl_c(self):
+        self.assert_closed_by(signal.SIGINT, 'Ctrl-C', 'at', 'flows', '--lock', 'mock')
+
+    def test_dump_canopen_closes_in_order_on_sigterm_and_writes_nothing(self):
+        dumps = self.folder / 'dumps'
+        self.assert_closed_by(signal.SIGTERM, 'SIGTERM', 'dump', 'canopen', str(dumps), '--lock', 'mock')
+        self.assertEqual(list(dumps.iterdir()), [])
+
+    def test_a_start_of_the_lock_ends_on_ctrl_c_and_nothing_is_kept(self):
+        file = self.folder / 'x.h5'
+        self.assert_closed_by(signal.SIGINT, 'Ctrl-C', 'dump', 'fid', str(file))
+        self.assertFalse(file.exists())
+
+
 class Terminal(WithoutMockDirectory):
     def test_colours_on_a_terminal_only_and_never_with_no_color(self):
         command = ('run', '--simulate', '--lock', 'mock', '--for', '0.2')
