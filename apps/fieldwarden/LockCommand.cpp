@@ -6,16 +6,16 @@
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/ProgressBar.h"
-#include "apps/fieldwarden/WholeFile.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <fieldwarden/FieldwardenInterface.h>
 #include <fieldwarden/LockDiagnosticsInterface.h>
 #include <fieldwarden/LockInterface.h>
+#include <velmor/kepla/utils/WholeFile.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <ios>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -45,11 +45,6 @@ std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, Session& aS
             break;
     }
     return aSession.closeForSignal();
-}
-
-std::string wholeText(std::filesystem::path const& aPath) {
-    std::ifstream file(aPath, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 void printRegisters(std::vector<LockRegisterText> const& aRegisters, Form aForm) {
@@ -118,6 +113,18 @@ Chart chartOf(std::vector<LockScanPoint> aPoints) {
 
 } // namespace
 
+std::string contentOfDump(std::filesystem::path const& aDump) {
+    std::string why = "it is empty or not there";
+    try {
+        if (std::string content = velmor::kepla::utils::readWholeFile(aDump); !content.empty()) {
+            return content;
+        }
+    } catch (std::ios_base::failure const& error) {
+        why = error.what();
+    }
+    throw std::runtime_error("The dump '" + aDump.string() + "' cannot be read: " + why);
+}
+
 int lockRegisters(LockOptions const& aOptions) {
     Session session(aOptions.session);
     auto const registers = diagnosticsOf(session).readRegisters();
@@ -148,7 +155,7 @@ int lockDump(LockOptions const& aOptions, LockDumpKind aKind, std::filesystem::p
         return session.closeForSignal();
     }
     std::string const kind = aKind == LockDumpKind::Fid ? "fid" : "fft";
-    std::string const content = wholeText(folder / ("lock_" + kind + "_" + kDumpName + ".h5"));
+    std::string const content = contentOfDump(folder / ("lock_" + kind + "_" + kDumpName + ".h5"));
     session.close();
     writeWholeFile(aFile, content, "dump");
     if (aOptions.form == Form::Json) {

@@ -4,6 +4,7 @@
 
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/Output.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
@@ -16,7 +17,7 @@
 
 #include <cerrno>
 #include <fstream>
-#include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -157,12 +158,7 @@ ShimInterface& Session::shim() {
 
 void Session::rememberShimSystem(int aSystem) const {
     std::filesystem::create_directories(shimSystemFile().parent_path());
-    std::ofstream file(shimSystemFile());
-    file << aSystem << "\n";
-    file.close();
-    if (!file) {
-        throw std::runtime_error("Cannot write '" + shimSystemFile().string() + "'");
-    }
+    writeWholeFile(shimSystemFile(), std::to_string(aSystem) + "\n", "shim system");
 }
 
 Session::~Session() {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Writing under a temporary name and renaming.
-#include "apps/fieldwarden/WholeFile.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 
 #include <cerrno>
 #include <fstream>
