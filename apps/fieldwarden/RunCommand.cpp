@@ -32,6 +32,7 @@
 #include <exception>
 #include <filesystem>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -235,6 +236,9 @@ private:
     /// Tells the H0 output when it has moved by a percent of its range since it was told last. The data
     /// logger has it, a value a second.
     void tellH0() {
+        if (!std::filesystem::exists(mH0File)) {
+            return;
+        }
         try {
             velmor::kepla::datalogger::DataLoggerReader const reader(mH0File);
             auto const newest = reader.channel("lock/pid/data_out").last;
@@ -252,8 +256,14 @@ private:
                          fmt::format("H0 output at {:.1f} % of its range", percent),
                          {{"percent", percent}},
                          Tone::Plain});
-        } catch (std::exception const&) {
+        } catch (std::invalid_argument const&) {
             // No lock has run yet with this file: there is nothing to tell.
+        } catch (std::exception const& error) {
+            if (!std::exchange(mH0Unreadable, true)) {
+                mBar.clear();
+                mDrawn = false;
+                complain(std::string("the H0 output cannot be shown: ") + error.what());
+            }
         }
     }
 
@@ -391,6 +401,7 @@ private:
     velmor::platform::Clock::SystemTimePoint const mBegin = velmor::platform::Clock::current().systemNow();
     std::filesystem::path mH0File;
     std::optional<double> mH0Percent; ///< As it was told last.
+    bool mH0Unreadable = false;       ///< Whether it was told that the file cannot be read.
     RealTime::time_point mNextLook;
     bool mReaderThere = true;
     PhaseClock mPhases{"opening"};

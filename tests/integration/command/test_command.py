@@ -152,6 +152,19 @@ class Run(WithoutMockDirectory):
             self.assertIn('actually closed', (root / 'var/log/libFieldwarden.log').read_text())
             self.assertIn('MOCK', (root / 'data/logs/libFieldwarden.nvlog').read_text())
 
+    def test_a_damaged_log_of_the_data_logger_is_told_once(self):
+        with tempfile.TemporaryDirectory() as folder:
+            process = start('run', '--simulate', '--lock', 'mock', '--json', '--for', '4', '--data', folder)
+            lines_until(process, lambda line: '"opened"' in line)
+            file, = pathlib.Path(folder).glob('**/datalogger.sqlite')
+            for each in file.parent.glob('datalogger.sqlite*'):
+                each.unlink()  # The library goes on with the files that it has open.
+            file.write_text('This is no database, but a text that somebody has put into its place. ' * 99)
+            _, err = process.communicate(timeout=LONG)
+            self.assertEqual(process.returncode, 0, err)
+            self.assertEqual(err.count('the H0 output cannot be shown: '), 1, err)
+            self.assertIn('datalogger.sqlite', err)
+
     def test_a_library_error_ends_with_its_words(self):
         # The real instrument is not here: no CAN interface.
         code, out, err = run('run', '--lock', 'mock')
