@@ -25,7 +25,6 @@ namespace libfieldwarden::app {
 namespace {
 
 constexpr char const* kDumpName = "command";
-constexpr double kHertzPerMegahertz = 1.0e6;
 
 /// Thrown through the scan when the user has had enough.
 struct Interrupted {};

@@ -20,12 +20,14 @@ namespace libfieldwarden::app {
 
 namespace {
 
-constexpr double kHertzPerMegahertz = 1.0e6;
 constexpr double kLowestMegahertz = 1.0;
 constexpr double kHighestMegahertz = 1000.0;
 /// Real time; the longest start, with its search, takes some minutes on an instrument.
 constexpr std::chrono::minutes kLongestStart{20};
 constexpr std::chrono::milliseconds kLook{50};
+/// Numbers of LockInterfaceListener::state() with which the lock regulates.
+constexpr int kLocked = 1;
+constexpr int kNotLockedYet = 2;
 
 /// Hears how the start goes; the main thread takes the news.
 class StartListener : public LockInterfaceListener {
@@ -36,14 +38,10 @@ public:
         mNews.notify_all();
     }
     void warningsChanged() override {}
-    void doing(std::string const& aText) override {
-        std::lock_guard const lock(mMutex);
-        mRegulating = mRegulating || aText.starts_with("lock is regulating");
-        mNews.notify_all();
-    }
+    void doing(std::string const& /*aText*/) override {}
     void state(int aStatus) override {
         std::lock_guard const lock(mMutex);
-        mRegulating = mRegulating || aStatus == 1;
+        mRegulating = mRegulating || aStatus == kLocked || aStatus == kNotLockedYet;
         mNews.notify_all();
     }
     void updateLockPIDSet(int /*aPIDSet*/) override {}

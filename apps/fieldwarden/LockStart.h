@@ -17,6 +17,8 @@ namespace libfieldwarden::app {
 /// The 1H frequency of the simulated magnet's record, in Hz.
 inline constexpr double kSimulatedMagnetHz = 80'123'000.0;
 
+inline constexpr double kHertzPerMegahertz = 1.0e6;
+
 /// @param aText  "80.123", "80.123MHz", "80123000Hz"; without a unit MHz are meant.
 /// @return Hz.
 /// @throws WrongUsage  when it is no frequency from 1 to 1000 MHz.

@@ -5,6 +5,7 @@
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/HelpText.h"
 #include "apps/fieldwarden/LockCommand.h"
+#include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/LogCommand.h"
 #include "apps/fieldwarden/Output.h"
 #include "apps/fieldwarden/PlotCommand.h"
@@ -26,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 namespace libfieldwarden::app {
@@ -153,8 +155,9 @@ private:
     static void addFrequencyOption(CLI::App& aCommand, std::optional<std::string>& aFrequency) {
         aCommand
             .add_option("--frequency", aFrequency,
-                        "The magnet's 1H frequency, as in 80.123 or 80.123MHz: what the lock starts with "
-                        "(default with --simulate: 80.123)")
+                        fmt::format("The magnet's 1H frequency, as in 80.123 or 80.123MHz: what the lock "
+                                    "starts with (default with --simulate: {})",
+                                    kSimulatedMagnetHz / kHertzPerMegahertz))
             ->type_name("MHZ");
     }
 
