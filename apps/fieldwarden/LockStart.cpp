@@ -25,9 +25,7 @@ constexpr double kHighestMegahertz = 1000.0;
 /// Real time; the longest start, with its search, takes some minutes on an instrument.
 constexpr std::chrono::minutes kLongestStart{20};
 constexpr std::chrono::milliseconds kLook{50};
-/// Numbers of LockInterfaceListener::state() with which the lock regulates.
-constexpr int kLocked = 1;
-constexpr int kNotLockedYet = 2;
+constexpr int kLocked = 1; ///< Of LockInterfaceListener::state().
 
 /// Hears how the start goes; the main thread takes the news.
 class StartListener : public LockInterfaceListener {
@@ -38,10 +36,15 @@ public:
         mNews.notify_all();
     }
     void warningsChanged() override {}
-    void doing(std::string const& /*aText*/) override {}
+    void doing(std::string const& aText) override {
+        std::lock_guard const lock(mMutex);
+        // state() is 2 from the first step of a start on: only the words tell that the last one is behind.
+        mRegulating = mRegulating || aText.starts_with("lock is regulating");
+        mNews.notify_all();
+    }
     void state(int aStatus) override {
         std::lock_guard const lock(mMutex);
-        mRegulating = mRegulating || aStatus == kLocked || aStatus == kNotLockedYet;
+        mRegulating = mRegulating || aStatus == kLocked;
         mNews.notify_all();
     }
     void updateLockPIDSet(int /*aPIDSet*/) override {}
