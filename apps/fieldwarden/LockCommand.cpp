@@ -139,6 +139,7 @@ int lockRegisters(LockOptions const& aOptions) {
 
 int lockDump(LockOptions const& aOptions, LockDumpKind aKind, std::filesystem::path const& aFile) {
     auto const frequency = frequencyFor(aOptions.session, aOptions.frequency);
+    checkPlaceOf(aFile, "dump");
     Session session(aOptions.session);
     if (session.library().getShim() != nullptr) {
         session.shim();
@@ -172,6 +173,9 @@ int lockScan(LockOptions const& aOptions, std::optional<std::filesystem::path> c
     if (aPicture && !pictureFormatOf(*aPicture)) {
         throw WrongUsage("'" + aPicture->string() +
                          "' names no picture: its name has to end in .png or .svg");
+    }
+    if (aPicture) {
+        checkPlaceOf(*aPicture, "picture");
     }
     Session session(aOptions.session);
     if (session.library().getShim() != nullptr) {
