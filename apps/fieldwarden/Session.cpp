@@ -114,7 +114,12 @@ void Session::openOnSimulation(SessionOptions const& aOptions) {
     if (!aOptions.dataDirectory) {
         mScratch = std::make_unique<ScratchDirectory>();
     } else {
-        std::filesystem::create_directories(*aOptions.dataDirectory);
+        std::error_code error;
+        std::filesystem::create_directories(*aOptions.dataDirectory, error);
+        if (error) {
+            throw std::system_error(error,
+                                    "Cannot make the folder '" + aOptions.dataDirectory->string() + "'");
+        }
         mFolderLock = std::make_unique<FolderLock>(*aOptions.dataDirectory);
     }
     mInstrument = std::make_shared<sim::Instrument>(sim::Instrument::Options{

@@ -42,7 +42,14 @@ class Arguments(WithoutMockDirectory):
     def test_wrong_arguments_end_with_the_reason_and_the_usage(self):
         for arguments, words in ((['fly'], 'fly'), ([], 'subcommand'), (['run', '--time-scale', '0'], '--time-scale'),
                                  (['run', '--for', 'soon'], 'soon'), (['run', '--for', '-1'], '--for'),
-                                 (['run', '--lock', 'none'], 'none'), (['run', '--faster'], '--faster')):
+                                 (['run', '--lock', 'none'], "'none' is none of mock, real"), (['run', '--lock', '0'], "'0' is none of"),
+                                 (['run', '--for', 'nan'], "'nan' is no number from 0"),
+                                 (['run', '--for', '1e300'], "'1e300' is no number from 0"),
+                                 (['at', 'exchange', '--wait', 'nan'], "'nan' is no number from 0"),
+                                 (['run', '--time-scale', 'nan'], "'nan' is no number above 0 and at most 10000"),
+                                 (['run', '--time-scale', '10001'], '--time-scale'),
+                                 (['dump', 'mri', 'x.h5'], "'mri' is none of canopen, fft, fid"),
+                                 (['run', '--faster'], '--faster')):
             self.assertIn('usage: fieldwarden', self.assert_refused(arguments, words))
 
     def test_a_time_scale_without_simulation_is_refused(self):
@@ -60,7 +67,8 @@ class Arguments(WithoutMockDirectory):
         with tempfile.NamedTemporaryFile() as file:
             code, out, err = run('run', '--simulate', '--lock', 'mock', '--for', '0', '--data', file.name + '/x')
             self.assertEqual(code, 1)
-            self.assertIn(file.name, err)
+            self.assertIn(f"Cannot make the folder '{file.name}/x': Not a directory", err)
+        self.assert_refused(['run', '--simulate', '--data', ''], '--data needs the name of a folder')
 
 
 class Run(WithoutMockDirectory):
@@ -208,6 +216,16 @@ class Signals(WithoutMockDirectory):
         dumps = self.folder / 'dumps'
         self.assert_closed_by(signal.SIGTERM, 'SIGTERM', 'dump', 'canopen', str(dumps), '--lock', 'mock')
         self.assertEqual(list(dumps.iterdir()), [])
+
+    def test_the_end_of_the_terminal_closes_in_order_but_not_under_nohup(self):
+        self.assert_closed_by(signal.SIGHUP, 'SIGHUP', 'temperature', '--lock', 'mock')
+        process = start('run', '--simulate', '--lock', 'mock', '--json', '--for', '1.5',
+                        preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+        lines_until(process, lambda line: '"opened"' in line)
+        process.send_signal(signal.SIGHUP)
+        _, err = process.communicate(timeout=LONG)
+        self.assertEqual(process.returncode, 0)
+        self.assertNotIn('SIGHUP', err)
 
     def test_a_start_of_the_lock_ends_on_ctrl_c_and_nothing_is_kept(self):
         file = self.folder / 'x.h5'
