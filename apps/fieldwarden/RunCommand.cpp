@@ -401,9 +401,9 @@ private:
     velmor::platform::Clock::SystemTimePoint const mBegin = velmor::platform::Clock::current().systemNow();
     std::filesystem::path mH0File;
     std::optional<double> mH0Percent; ///< As it was told last.
-    bool mH0Unreadable = false;       ///< Whether it was told that the file cannot be read.
     RealTime::time_point mNextLook;
     bool mReaderThere = true;
+    bool mH0Unreadable = false; ///< Whether it was told that the file cannot be read.
     PhaseClock mPhases{"opening"};
     std::optional<TemperatureWatch> mWatch;
     std::optional<TemperatureEvents> mTemperatureEvents; ///< Hears of the last steps, which closing awaits.
