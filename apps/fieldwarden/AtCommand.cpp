@@ -63,7 +63,7 @@ void waitForUser(StopSignal const& aStop, std::optional<double> aSeconds) {
     using RealTime = std::chrono::steady_clock;
     constexpr double kLongestPoll = 3600.0;
     auto const begin = RealTime::now();
-    while (aStop.name().empty()) {
+    while (!aStop.came()) {
         double left = kLongestPoll;
         if (aSeconds) {
             left = *aSeconds - std::chrono::duration<double>(RealTime::now() - begin).count();
@@ -82,7 +82,7 @@ void waitForUser(StopSignal const& aStop, std::optional<double> aSeconds) {
         }
     }
     // Also where the signal came together with the end of the input.
-    if (!aStop.name().empty()) {
+    if (aStop.came()) {
         complain(aStop.name() + ", completing the exchange");
     }
 }
@@ -102,6 +102,9 @@ std::string flowTable(std::vector<double> const& aFlows) {
 int atFlows(AtOptions const& aOptions) {
     Session session(aOptions.session);
     auto const flows = flowsFromXml(temperatureOf(session).getProbeGasFlowList());
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     session.close();
     if (aOptions.form == Form::Json) {
         printJson({{"literPerHour", flows}});
@@ -116,7 +119,6 @@ int atFlows(AtOptions const& aOptions) {
 }
 
 int atExchange(AtOptions const& aOptions, AtExchangeOptions const& aExchange) {
-    StopSignal const stop;
     Session session(aOptions.session);
     TemperatureInterface& temperature = temperatureOf(session);
     double const prepared = secondsOf([&] { temperature.setAirFlowForSampleExchange(true); });
@@ -125,7 +127,7 @@ int atExchange(AtOptions const& aOptions, AtExchangeOptions const& aExchange) {
                           aExchange.waitSeconds ? "" : ", then press Enter"));
         flushOutput();
     }
-    waitForUser(stop, aExchange.waitSeconds);
+    waitForUser(session.stop(), aExchange.waitSeconds);
     temperature.setSampleInMagnetForAirFlow(!aExchange.noSample);
     double const completed = secondsOf([&] { temperature.setAirFlowForSampleExchange(false); });
     session.close();

@@ -65,6 +65,9 @@ int boardDump(SessionOptions const& aOptions, Form aForm, std::filesystem::path 
     if (log == nullptr) {
         throw std::logic_error("this library writes no device log");
     }
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     log->createLog(aFolder.string(), 0, 0);
     session.close();
     auto dumps = nlohmann::ordered_json::array();

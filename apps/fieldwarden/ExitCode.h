@@ -10,7 +10,7 @@ enum ExitCode : int {
     kLibraryError = 1, ///< The library reported an error.
     kWrongUsage = 2,   ///< The arguments, or something in their way, are wrong.
     kTimedOut = 3,     ///< Waited for longer than was allowed.
-    kLost = 4,         ///< The instrument lost what was asked for on the way.
+    kLost = 4,         ///< The instrument lost what was asked for on the way, or a signal ended it there.
 };
 
 } // namespace libfieldwarden::app

@@ -6,17 +6,16 @@
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/ProgressBar.h"
-#include "apps/fieldwarden/StopSignal.h"
-#include "apps/fieldwarden/WholeFile.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <fieldwarden/FieldwardenInterface.h>
 #include <fieldwarden/LockDiagnosticsInterface.h>
 #include <fieldwarden/LockInterface.h>
+#include <velmor/kepla/utils/WholeFile.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <ios>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -26,13 +25,12 @@ namespace libfieldwarden::app {
 namespace {
 
 constexpr char const* kDumpName = "command";
-constexpr double kHertzPerMegahertz = 1.0e6;
 
 /// Thrown through the scan when the user has had enough.
 struct Interrupted {};
 
 /// What the end of a start means to the shell, told; none when it went well.
-std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, StopSignal const& aStop) {
+std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, Session& aSession) {
     switch (aEnd) {
         case StartEnd::Regulating:
             return std::nullopt;
@@ -45,13 +43,7 @@ std::optional<int> toldEnd(StartEnd aEnd, std::string const& aWords, StopSignal 
         case StartEnd::Interrupted:
             break;
     }
-    complain(aStop.name() + ", closed");
-    return kLost;
-}
-
-std::string wholeText(std::filesystem::path const& aPath) {
-    std::ifstream file(aPath, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return aSession.closeForSignal();
 }
 
 void printRegisters(std::vector<LockRegisterText> const& aRegisters, Form aForm) {
@@ -120,9 +112,24 @@ Chart chartOf(std::vector<LockScanPoint> aPoints) {
 
 } // namespace
 
+std::string contentOfDump(std::filesystem::path const& aDump) {
+    std::string why = "it is empty or not there";
+    try {
+        if (std::string content = velmor::kepla::utils::readWholeFile(aDump); !content.empty()) {
+            return content;
+        }
+    } catch (std::ios_base::failure const& error) {
+        why = error.what();
+    }
+    throw std::runtime_error("The dump '" + aDump.string() + "' cannot be read: " + why);
+}
+
 int lockRegisters(LockOptions const& aOptions) {
     Session session(aOptions.session);
     auto const registers = diagnosticsOf(session).readRegisters();
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     session.close();
     printRegisters(registers, aOptions.form);
     bool const whole = std::all_of(registers.begin(), registers.end(),
@@ -132,20 +139,23 @@ int lockRegisters(LockOptions const& aOptions) {
 
 int lockDump(LockOptions const& aOptions, LockDumpKind aKind, std::filesystem::path const& aFile) {
     auto const frequency = frequencyFor(aOptions.session, aOptions.frequency);
-    StopSignal const stop;
+    checkPlaceOf(aFile, "dump");
     Session session(aOptions.session);
     if (session.library().getShim() != nullptr) {
         session.shim();
     }
     if (frequency) {
         std::string words;
-        if (auto const end = toldEnd(startLock(session, *frequency, stop, words), words, stop)) {
+        if (auto const end = toldEnd(startLock(session, *frequency, words), words, session)) {
             return *end;
         }
     }
     std::filesystem::path const folder = diagnosticsOf(session).dumpSignal(kDumpName);
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     std::string const kind = aKind == LockDumpKind::Fid ? "fid" : "fft";
-    std::string const content = wholeText(folder / ("lock_" + kind + "_" + kDumpName + ".h5"));
+    std::string const content = contentOfDump(folder / ("lock_" + kind + "_" + kDumpName + ".h5"));
     session.close();
     writeWholeFile(aFile, content, "dump");
     if (aOptions.form == Form::Json) {
@@ -164,7 +174,9 @@ int lockScan(LockOptions const& aOptions, std::optional<std::filesystem::path> c
         throw WrongUsage("'" + aPicture->string() +
                          "' names no picture: its name has to end in .png or .svg");
     }
-    StopSignal const stop;
+    if (aPicture) {
+        checkPlaceOf(*aPicture, "picture");
+    }
     Session session(aOptions.session);
     if (session.library().getShim() != nullptr) {
         session.shim();
@@ -175,15 +187,13 @@ int lockScan(LockOptions const& aOptions, std::optional<std::filesystem::path> c
     try {
         ProgressBar bar;
         points = diagnostics.scanFrequencies([&](LockStepProgress const& aProgress) {
-            if (!stop.name().empty()) {
+            if (session.stop().came()) {
                 throw Interrupted();
             }
             bar.show(aProgress.step, aProgress.done, aProgress.total);
         });
     } catch (Interrupted const&) {
-        session.close();
-        complain(stop.name() + ", closed");
-        return kLost;
+        return session.closeForSignal();
     }
     session.close();
     printPoints(points, aOptions.form);

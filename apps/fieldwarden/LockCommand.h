@@ -20,6 +20,10 @@ struct LockOptions {
 
 enum class LockDumpKind { Fid, Fft };
 
+/// @return All bytes of a dump that the library has written.
+/// @throws std::runtime_error  when it cannot be read or has none; the words name it.
+std::string contentOfDump(std::filesystem::path const& aDump);
+
 /// Each opens the library, does its work, closes it again, and returns the exit code.
 /// @throws WrongUsage, std::exception  as Session, and what the lock throws.
 int lockRegisters(LockOptions const& aOptions);

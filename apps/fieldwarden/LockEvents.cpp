@@ -2,39 +2,37 @@
 // The words for what the lock says.
 #include "apps/fieldwarden/LockEvents.h"
 
+#include "apps/fieldwarden/Meaning.h"
+
 #include <fieldwarden/LockInterface.h>
 
 #include <array>
-#include <string_view>
 #include <utility>
 
 namespace libfieldwarden::app {
 
 namespace {
 
-/// A number that the listener reports, in words.
-struct Meaning {
+/// A number that the listener reports, and what it means.
+struct Known {
     int number;
-    std::string_view words;
-    Tone tone;
+    Meaning meaning;
 };
 
-constexpr std::array kStates{Meaning{0, "stopped", Tone::Plain}, Meaning{1, "locked", Tone::Good},
-                             Meaning{2, "running, not locked", Tone::Plain},
-                             Meaning{6, "error", Tone::Alarm}};
-constexpr std::array kLost{Meaning{0, "not locked since the last reset", Tone::Plain},
-                           Meaning{1, "lock lost", Tone::Alarm}, Meaning{2, "locked", Tone::Good}};
-constexpr std::array kPidSets{Meaning{0, "slow", Tone::Plain}, Meaning{1, "fast", Tone::Plain},
-                              Meaning{2, "normal", Tone::Plain}};
+constexpr std::array kStates{Known{0, {"stopped"}}, Known{1, {"locked", Tone::Good}},
+                             Known{2, {"running, not locked"}}, Known{6, {"error", Tone::Alarm}}};
+constexpr std::array kLost{Known{0, {"not locked since the last reset"}},
+                           Known{1, {"lock lost", Tone::Alarm}}, Known{2, {"locked", Tone::Good}}};
+constexpr std::array kPidSets{Known{0, {"slow"}}, Known{1, {"fast"}}, Known{2, {"normal"}}};
 
 template <typename Table>
 Meaning meaningOf(Table const& aTable, int aNumber) {
-    for (Meaning const& meaning : aTable) {
-        if (meaning.number == aNumber) {
-            return meaning;
+    for (Known const& known : aTable) {
+        if (known.number == aNumber) {
+            return known.meaning;
         }
     }
-    return {aNumber, "unknown", Tone::Plain};
+    return {"unknown"};
 }
 
 /// A text of any bytes on one line.

@@ -20,12 +20,12 @@ namespace libfieldwarden::app {
 
 namespace {
 
-constexpr double kHertzPerMegahertz = 1.0e6;
 constexpr double kLowestMegahertz = 1.0;
 constexpr double kHighestMegahertz = 1000.0;
 /// Real time; the longest start, with its search, takes some minutes on an instrument.
 constexpr std::chrono::minutes kLongestStart{20};
 constexpr std::chrono::milliseconds kLook{50};
+constexpr int kLocked = 1; ///< Of LockInterfaceListener::state().
 
 /// Hears how the start goes; the main thread takes the news.
 class StartListener : public LockInterfaceListener {
@@ -38,12 +38,13 @@ public:
     void warningsChanged() override {}
     void doing(std::string const& aText) override {
         std::lock_guard const lock(mMutex);
+        // state() is 2 from the first step of a start on: only the words tell that the last one is behind.
         mRegulating = mRegulating || aText.starts_with("lock is regulating");
         mNews.notify_all();
     }
     void state(int aStatus) override {
         std::lock_guard const lock(mMutex);
-        mRegulating = mRegulating || aStatus == 1;
+        mRegulating = mRegulating || aStatus == kLocked;
         mNews.notify_all();
     }
     void updateLockPIDSet(int /*aPIDSet*/) override {}
@@ -111,7 +112,7 @@ LockDiagnosticsInterface& diagnosticsOf(Session& aSession) {
     return *diagnostics;
 }
 
-StartEnd startLock(Session& aSession, double aFrequencyHz, StopSignal const& aStop, std::string& aWords) {
+StartEnd startLock(Session& aSession, double aFrequencyHz, std::string& aWords) {
     LockInterface& lock = *aSession.library().getLock();
     LockDiagnosticsInterface& diagnostics = diagnosticsOf(aSession);
     StartListener listener;
@@ -123,7 +124,7 @@ StartEnd startLock(Session& aSession, double aFrequencyHz, StopSignal const& aSt
     std::optional<StartEnd> end;
     while (!end) {
         end = listener.look(bar, aWords);
-        if (!end && !aStop.name().empty()) {
+        if (!end && aSession.stop().came()) {
             end = StartEnd::Interrupted;
         } else if (!end && std::chrono::steady_clock::now() > deadline) {
             end = StartEnd::TimedOut;

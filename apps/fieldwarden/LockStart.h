@@ -4,7 +4,6 @@
 
 #include "apps/fieldwarden/ProgressBar.h"
 #include "apps/fieldwarden/Session.h"
-#include "apps/fieldwarden/StopSignal.h"
 
 #include <optional>
 #include <string>
@@ -17,6 +16,8 @@ namespace libfieldwarden::app {
 
 /// The 1H frequency of the simulated magnet's record, in Hz.
 inline constexpr double kSimulatedMagnetHz = 80'123'000.0;
+
+inline constexpr double kHertzPerMegahertz = 1.0e6;
 
 /// @param aText  "80.123", "80.123MHz", "80123000Hz"; without a unit MHz are meant.
 /// @return Hz.
@@ -34,10 +35,10 @@ LockDiagnosticsInterface& diagnosticsOf(Session& aSession);
 /// How a start ended.
 enum class StartEnd { Regulating, Failed, TimedOut, Interrupted };
 
-/// Tells the magnet's frequency and waits until the lock regulates, with its progress on standard error.
+/// Tells the magnet's frequency and waits until the lock regulates, with its progress on standard error. A
+/// signal ends the wait; the session is closed where the lock does not regulate.
 /// @param aFrequencyHz  Of the magnet.
-/// @param aStop         Ends the wait.
 /// @param aWords        Takes the lock's words when it failed.
-StartEnd startLock(Session& aSession, double aFrequencyHz, StopSignal const& aStop, std::string& aWords);
+StartEnd startLock(Session& aSession, double aFrequencyHz, std::string& aWords);
 
 } // namespace libfieldwarden::app

@@ -4,7 +4,7 @@
 
 #include "apps/fieldwarden/Chart.h"
 #include "apps/fieldwarden/ExitCode.h"
-#include "apps/fieldwarden/WholeFile.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 #include "simulator/instrument/Instrument.h"
 

@@ -32,6 +32,7 @@
 #include <exception>
 #include <filesystem>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -74,8 +75,8 @@ public:
         }
         auto const frequency = frequencyFor(mOptions.session, mOptions.frequency);
         auto const target = mOptions.at ? std::optional(temperatureFromText(*mOptions.at)) : std::nullopt;
-        StopSignal const stop;
         Session session(mOptions.session);
+        StopSignal const& stop = session.stop();
         announceOpening(session);
         {
             std::optional<ShimEvents> shimEvents;
@@ -235,6 +236,9 @@ private:
     /// Tells the H0 output when it has moved by a percent of its range since it was told last. The data
     /// logger has it, a value a second.
     void tellH0() {
+        if (!std::filesystem::exists(mH0File)) {
+            return;
+        }
         try {
             velmor::kepla::datalogger::DataLoggerReader const reader(mH0File);
             auto const newest = reader.channel("lock/pid/data_out").last;
@@ -252,13 +256,19 @@ private:
                          fmt::format("H0 output at {:.1f} % of its range", percent),
                          {{"percent", percent}},
                          Tone::Plain});
-        } catch (std::exception const&) {
+        } catch (std::invalid_argument const&) {
             // No lock has run yet with this file: there is nothing to tell.
+        } catch (std::exception const& error) {
+            if (!std::exchange(mH0Unreadable, true)) {
+                mBar.clear();
+                mDrawn = false;
+                complain(std::string("the H0 output cannot be shown: ") + error.what());
+            }
         }
     }
 
     void listen(StopSignal const& aStop) {
-        while (mReaderThere && aStop.name().empty() && (!mEnd || RealTime::now() < *mEnd) && !isDone()) {
+        while (mReaderThere && !aStop.came() && (!mEnd || RealTime::now() < *mEnd) && !isDone()) {
             waitFor(aStop.descriptor(), waitMilliseconds(mEnd));
         }
     }
@@ -288,7 +298,7 @@ private:
         mProbe->switchOff();
         if (!mProbe->over()) {
             mBar.clear();
-            complain((aStop.name().empty() ? "" : aStop.name() + ", ") +
+            complain((aStop.came() ? aStop.name() + ", " : "") +
                      std::string("bringing the probe down before closing"));
         }
         while (!mProbe->over() && !mProbe->overdue()) {
@@ -314,7 +324,7 @@ private:
             return kTimedOut;
         }
         if (mOptions.untilStable && !mReachedStable) {
-            return aStop.name().empty() ? kTimedOut : kLost;
+            return aStop.came() ? kLost : kTimedOut;
         }
         return kDone;
     }
@@ -350,7 +360,7 @@ private:
     }
 
     void closeInOrder(Session& aSession, StopSignal const& aStop, RealTime::time_point aBegin) {
-        if (!aStop.name().empty()) {
+        if (aStop.came()) {
             complain(aStop.name() + ", closing");
         }
         mPhases.begin("close");
@@ -393,6 +403,7 @@ private:
     std::optional<double> mH0Percent; ///< As it was told last.
     RealTime::time_point mNextLook;
     bool mReaderThere = true;
+    bool mH0Unreadable = false; ///< Whether it was told that the file cannot be read.
     PhaseClock mPhases{"opening"};
     std::optional<TemperatureWatch> mWatch;
     std::optional<TemperatureEvents> mTemperatureEvents; ///< Hears of the last steps, which closing awaits.

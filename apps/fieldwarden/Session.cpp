@@ -2,6 +2,9 @@
 // Opening the library where the options say, and leaving nothing behind.
 #include "apps/fieldwarden/Session.h"
 
+#include "apps/fieldwarden/ExitCode.h"
+#include "apps/fieldwarden/Output.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 #include "simulator/instrument/Instrument.h"
 #include "simulator/instrument/SimulatedBackend.h"
@@ -14,7 +17,7 @@
 
 #include <cerrno>
 #include <fstream>
-#include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -111,7 +114,12 @@ void Session::openOnSimulation(SessionOptions const& aOptions) {
     if (!aOptions.dataDirectory) {
         mScratch = std::make_unique<ScratchDirectory>();
     } else {
-        std::filesystem::create_directories(*aOptions.dataDirectory);
+        std::error_code error;
+        std::filesystem::create_directories(*aOptions.dataDirectory, error);
+        if (error) {
+            throw std::system_error(error,
+                                    "Cannot make the folder '" + aOptions.dataDirectory->string() + "'");
+        }
         mFolderLock = std::make_unique<FolderLock>(*aOptions.dataDirectory);
     }
     mInstrument = std::make_shared<sim::Instrument>(sim::Instrument::Options{
@@ -155,12 +163,7 @@ ShimInterface& Session::shim() {
 
 void Session::rememberShimSystem(int aSystem) const {
     std::filesystem::create_directories(shimSystemFile().parent_path());
-    std::ofstream file(shimSystemFile());
-    file << aSystem << "\n";
-    file.close();
-    if (!file) {
-        throw std::runtime_error("Cannot write '" + shimSystemFile().string() + "'");
-    }
+    writeWholeFile(shimSystemFile(), std::to_string(aSystem) + "\n", "shim system");
 }
 
 Session::~Session() {
@@ -180,6 +183,12 @@ void Session::close() {
     if (std::exchange(mLibrary, nullptr) != nullptr) {
         FieldwardenInterface::closeInterface();
     }
+}
+
+int Session::closeForSignal() {
+    close();
+    complain(mStop.name() + ", closed");
+    return kLost;
 }
 
 } // namespace libfieldwarden::app

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "apps/fieldwarden/MockDirectory.h"
+#include "apps/fieldwarden/StopSignal.h"
 
 #include <filesystem>
 #include <memory>
@@ -32,6 +33,9 @@ struct SessionOptions {
 };
 
 /// Opens the library in its constructor and closes it in close(), or at the latest in its destructor.
+///
+/// From construction to destruction Ctrl-C and SIGTERM are requests, which the subcommand obeys when its work
+/// allows it: the process does not end before the instrument is down and the run's own files are removed.
 class Session {
 public:
     /// @throws WrongUsage      when the options contradict each other or what stands on the machine.
@@ -42,6 +46,9 @@ public:
     Session& operator=(Session const&) = delete;
 
     FieldwardenInterface& library() const noexcept { return *mLibrary; }
+
+    /// Whether the user wants the end, and how to wait for that.
+    StopSignal const& stop() const noexcept { return mStop; }
 
     /// Sets the shim system that the options or an earlier run chose; 8 where none did.
     /// @return The shim service, ready for gradients.
@@ -59,6 +66,11 @@ public:
     /// @throws std::exception  what the library throws.
     void close();
 
+    /// Brings the instrument down before the work is done, and says which signal wanted that.
+    /// @return What to tell the shell.
+    /// @throws std::exception  what the library throws.
+    int closeForSignal();
+
 private:
     class ScratchDirectory;
     class FolderLock;
@@ -68,6 +80,7 @@ private:
     std::filesystem::path shimSystemFile() const;
     int chosenShimSystem() const;
 
+    StopSignal mStop; ///< The first, so that it outlives all that has to be removed.
     SessionOptions mOptions;
     std::filesystem::path mDataRoot; ///< What the library was opened with.
     std::optional<MockDirectory> mMockDirectory;

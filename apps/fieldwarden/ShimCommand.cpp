@@ -4,7 +4,6 @@
 
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/ShimText.h"
-#include "apps/fieldwarden/StopSignal.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <fieldwarden/BoundedValue.h>
@@ -25,11 +24,10 @@ namespace {
 /// Opens the library with the shim system set, runs a piece of work, and closes in order. A Ctrl-C waits
 /// until the work is done: it must leave neither half a parameter set nor a simulated instrument behind.
 int withShim(ShimOptions const& aOptions, std::function<void(ShimInterface&, Session&)> const& aWork) {
-    StopSignal const stop;
     Session session(aOptions.session);
     aWork(session.shim(), session);
-    if (!stop.name().empty()) {
-        complain(stop.name() + ", closing; what was asked for is done");
+    if (session.stop().came()) {
+        complain(session.stop().name() + ", closing; what was asked for is done");
     }
     session.close();
     return kDone;

@@ -2,7 +2,7 @@
 // Parsing and writing of gradients and currents.
 #include "apps/fieldwarden/ShimText.h"
 
-#include "apps/fieldwarden/WholeFile.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 #include "apps/fieldwarden/WrongUsage.h"
 
 #include <algorithm>

@@ -37,11 +37,16 @@ StopSignal::StopSignal() {
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, &mFormerInterrupt);
     sigaction(SIGTERM, &action, &mFormerTerminate);
+    sigaction(SIGHUP, nullptr, &mFormerHangUp);
+    if (mFormerHangUp.sa_handler != SIG_IGN) {
+        sigaction(SIGHUP, &action, nullptr);
+    }
 }
 
 StopSignal::~StopSignal() {
     sigaction(SIGINT, &mFormerInterrupt, nullptr);
     sigaction(SIGTERM, &mFormerTerminate, nullptr);
+    sigaction(SIGHUP, &mFormerHangUp, nullptr);
     sPipe = -1;
     close(mPipe[0]);
     close(mPipe[1]);
@@ -53,6 +58,8 @@ std::string StopSignal::name() const {
             return "Ctrl-C";
         case SIGTERM:
             return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
         default:
             return {};
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Ctrl-C and SIGTERM as a request that can be waited for.
+// Ctrl-C, SIGTERM and the end of the terminal as a request that can be waited for.
 #pragma once
 
 #include <atomic>
@@ -9,8 +9,9 @@
 
 namespace libfieldwarden::app {
 
-/// Catches SIGINT and SIGTERM from construction to destruction. A second one while the first is being obeyed
-/// ends the process the hard way, as a user who presses Ctrl-C twice expects. One object at a time.
+/// Catches SIGINT, SIGTERM and, unless it was ignored as under nohup, SIGHUP from construction to
+/// destruction. A second one of a kind while the first is being obeyed ends the process the hard way, as a
+/// user who presses Ctrl-C twice expects. One object at a time.
 class StopSignal {
 public:
     StopSignal();
@@ -21,13 +22,17 @@ public:
     /// @return A descriptor that becomes readable when a signal has come.
     int descriptor() const noexcept { return mPipe[0]; }
 
-    /// @return "Ctrl-C" or "SIGTERM" for the one that came; empty while none has.
+    /// @return Whether one has come.
+    bool came() const { return !name().empty(); }
+
+    /// @return "Ctrl-C", "SIGTERM" or "SIGHUP" for the one that came; empty while none has.
     std::string name() const;
 
 private:
     int mPipe[2] = {-1, -1};
     struct sigaction mFormerInterrupt {};
     struct sigaction mFormerTerminate {};
+    struct sigaction mFormerHangUp {};
 };
 
 } // namespace libfieldwarden::app

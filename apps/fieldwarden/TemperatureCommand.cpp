@@ -131,6 +131,9 @@ int temperatureCommand(SessionOptions const& aOptions, Form aForm) {
         throw std::runtime_error("this library has no temperature service");
     }
     Readings const readings = readingsOf(*temperature);
+    if (session.stop().came()) {
+        return session.closeForSignal();
+    }
     session.close();
     switch (aForm) {
         case Form::Json:

@@ -2,12 +2,11 @@
 // Temperatures, gas flows and the time still to go, as people read and write them.
 #pragma once
 
-#include "apps/fieldwarden/Event.h"
+#include "apps/fieldwarden/Meaning.h"
 
 #include <chrono>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <fieldwarden/ProbeTemperatureControlGasFlowStatus.h>
@@ -26,12 +25,6 @@ double temperatureFromText(std::string const& aText);
 /// @return The flows in l/h, in the order of the text.
 /// @throws std::runtime_error  when it is no such text.
 std::vector<double> flowsFromXml(std::string const& aXml);
-
-/// What a number of the listener means, and how much it wants to be seen.
-struct Meaning {
-    std::string_view words;
-    Tone tone = Tone::Plain;
-};
 
 Meaning meaningOf(ProbeTemperatureGlobalStatus aStatus);
 Meaning meaningOf(ProbeTemperatureControlGasFlowStatus aStatus);

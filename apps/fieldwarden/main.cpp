@@ -5,6 +5,7 @@
 #include "apps/fieldwarden/ExitCode.h"
 #include "apps/fieldwarden/HelpText.h"
 #include "apps/fieldwarden/LockCommand.h"
+#include "apps/fieldwarden/LockStart.h"
 #include "apps/fieldwarden/LogCommand.h"
 #include "apps/fieldwarden/Output.h"
 #include "apps/fieldwarden/PlotCommand.h"
@@ -16,16 +17,20 @@
 #include <velmor/platform/ScaledClock.h>
 #include <velmor/platform/Version.h>
 
+#include <charconv>
 #include <csignal>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
+#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 namespace libfieldwarden::app {
@@ -78,6 +83,40 @@ private:
     /// A check whose form does not stand in the help text: the option's own words say it better.
     static CLI::Validator quiet(CLI::Validator aValidator) { return aValidator.description(""); }
 
+    /// Words that stand for the values of an enumeration.
+    template <typename Value>
+    static CLI::Validator oneOf(std::map<std::string, Value> aValues) {
+        return {[values = std::move(aValues)](std::string& aWord) {
+                    if (auto const found = values.find(aWord); found != values.end()) {
+                        aWord = std::to_string(static_cast<int>(found->second)); // What the parser reads.
+                        return std::string();
+                    }
+                    std::string known;
+                    for (auto const& each : values) {
+                        known += (known.empty() ? "" : ", ") + each.first;
+                    }
+                    return "'" + aWord + "' is none of " + known;
+                },
+                ""};
+    }
+
+    /// A finite number; the parser would take nan and inf, too.
+    /// @param aRange  The range in words.
+    static CLI::Validator number(double aLeast, double aGreatest, std::string aRange) {
+        return {[=, range = std::move(aRange)](std::string& aText) {
+                    double value = 0.0;
+                    auto const* const textEnd = aText.data() + aText.size();
+                    auto const [end, problem] = std::from_chars(aText.data(), textEnd, value);
+                    bool const good =
+                        problem == std::errc() && end == textEnd && value >= aLeast && value <= aGreatest;
+                    return good ? std::string() : "'" + aText + "' is no number " + range;
+                },
+                ""};
+    }
+
+    /// Real seconds of a wait, which has to fit the clocks.
+    static CLI::Validator seconds() { return number(0.0, 1.0e9, "from 0 to 1000000000"); }
+
     /// Adds a subcommand without its options.
     CLI::App& add(CLI::App& aParent, char const* aName, char const* aMeaning, std::string const& aUsage) {
         CLI::App& command = *aParent.add_subcommand(aName, aMeaning);
@@ -97,14 +136,14 @@ private:
         aCommand
             .add_option("--lock", aOptions.lock,
                         "Which lock: 'real', or 'mock', which takes warnings from control files")
-            ->transform(quiet(CLI::CheckedTransformer(
-                std::map<std::string, LockKind>{{"mock", LockKind::Mock}, {"real", LockKind::Real}})))
+            ->transform(
+                oneOf(std::map<std::string, LockKind>{{"mock", LockKind::Mock}, {"real", LockKind::Real}}))
             ->type_name("mock|real");
         aCommand
             .add_option("--time-scale", aOptions.timeScale,
                         "Simulated seconds in a real second, at most 10000 (default 1)")
-            ->check(quiet(CLI::PositiveNumber))
-            ->check(quiet(CLI::Range(0.0, velmor::platform::ScaledClock::kLargestScale)))
+            ->check(number(std::numeric_limits<double>::min(), velmor::platform::ScaledClock::kLargestScale,
+                           "above 0 and at most 10000"))
             ->type_name("N");
         aCommand
             .add_option("--data", aOptions.dataDirectory,
@@ -119,6 +158,9 @@ private:
     }
 
     static void checkSessionOptions(CLI::App const& aCommand, SessionOptions& aOptions) {
+        if (aOptions.dataDirectory && aOptions.dataDirectory->empty()) {
+            throw WrongUsage("--data needs the name of a folder");
+        }
         if (!aOptions.simulate && aCommand.count("--time-scale") != 0) {
             throw WrongUsage("--time-scale goes with --simulate: a real instrument has its own time");
         }
@@ -153,8 +195,9 @@ private:
     static void addFrequencyOption(CLI::App& aCommand, std::optional<std::string>& aFrequency) {
         aCommand
             .add_option("--frequency", aFrequency,
-                        "The magnet's 1H frequency, as in 80.123 or 80.123MHz: what the lock starts with "
-                        "(default with --simulate: 80.123)")
+                        fmt::format("The magnet's 1H frequency, as in 80.123 or 80.123MHz: what the lock "
+                                    "starts with (default with --simulate: {})",
+                                    kSimulatedMagnetHz / kHertzPerMegahertz))
             ->type_name("MHZ");
     }
 
@@ -192,8 +235,8 @@ private:
                         "'fid', the lock's signal in time, 'fft', its spectrum, or 'canopen', all objects of "
                         "the boards")
             ->required()
-            ->transform(quiet(CLI::CheckedTransformer(std::map<std::string, DumpKind>{
-                {"fid", DumpKind::Fid}, {"fft", DumpKind::Fft}, {"canopen", DumpKind::Canopen}})))
+            ->transform(oneOf(std::map<std::string, DumpKind>{
+                {"fid", DumpKind::Fid}, {"fft", DumpKind::Fft}, {"canopen", DumpKind::Canopen}}))
             ->type_name("fid|fft|canopen");
         dump.add_option("FILE", *file,
                         "The HDF5 file, or the folder of the boards' dumps; what is there is replaced")
@@ -235,7 +278,7 @@ private:
         auto const options = std::make_shared<RunOptions>();
         addSessionOptions(command, options->session);
         command.add_option("--for", options->seconds, "Close after so many seconds")
-            ->check(quiet(CLI::NonNegativeNumber))
+            ->check(seconds())
             ->type_name("SECONDS");
         command.add_flag("--json", options->json, "One JSON object a line instead of text");
         addFrequencyOption(command, options->frequency);
@@ -372,7 +415,7 @@ private:
         command
             .add_option("--wait", exchange->waitSeconds,
                         "Real time for the exchange (default: until Enter is pressed)")
-            ->check(quiet(CLI::NonNegativeNumber))
+            ->check(seconds())
             ->type_name("SECONDS");
         command.add_flag("--no-sample", exchange->noSample,
                          "No sample is in the magnet afterwards: the gas stays off");

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # What bash offers behind "fieldwarden" on Tab: subcommands, options, and the values that options take.
 
-# The subcommand that the words name, as "shim set"; options and their values are passed over.
+# The subcommand that the words name, as "shim set" or "dump fid"; options and their values are passed over.
 _fieldwarden_command() {
     local word command='' is_value=''
     for word in "$@"; do
@@ -15,7 +15,7 @@ _fieldwarden_command() {
             *)
                 case $command in
                     '') command=$word ;;
-                    shim | log | lock | at) command+=" $word" ;;
+                    shim | log | lock | at | dump) command+=" $word" ;;
                 esac
                 ;;
         esac
@@ -37,7 +37,9 @@ _fieldwarden() {
                 '') words='run registers dump lock shim at log plot temperature --help --version' ;;
                 run) words="$session --system --frequency --at --until-stable --cold --for --json" ;;
                 registers) words="$session --system $form" ;;
-                dump) words="fid fft canopen --frequency $session --system $form" paths=-f ;;
+                dump) words="fid fft canopen --frequency $session --system $form" ;;
+                'dump canopen') words="$session --system $form" paths=-d ;;
+                'dump '*) words="--frequency $session --system $form" paths=-f ;;
                 lock) words='scan --help' ;;
                 'lock scan') words="--plot $session --system $form" ;;
                 shim) words='list get set current load save relations system --help' ;;

@@ -15,7 +15,7 @@ function __fieldwarden_is
                 set is_value yes
             case '-*'
             case '*'
-                if test (count $command) -eq 0; or contains -- "$command" shim log lock at
+                if test (count $command) -eq 0; or contains -- "$command" shim log lock at dump
                     set -a command $word
                 end
         end
@@ -28,7 +28,7 @@ complete -c fieldwarden -l help -s h -d 'Print the help'
 complete -c fieldwarden -n __fieldwarden_is -l version -d 'Print the version'
 complete -c fieldwarden -n __fieldwarden_is -a run -d 'Open the library and print what it says'
 complete -c fieldwarden -n __fieldwarden_is -a registers -d 'All registers of the lock sequencer'
-complete -c fieldwarden -n __fieldwarden_is -a dump -d 'Keep the FID or FFT of the lock in a file'
+complete -c fieldwarden -n __fieldwarden_is -a dump -d 'Keep the FID or FFT, or what the boards know'
 complete -c fieldwarden -n __fieldwarden_is -a lock -d 'A closer look at the lock'
 complete -c fieldwarden -n __fieldwarden_is -a shim -d 'Gradients and currents of the shim coils'
 complete -c fieldwarden -n __fieldwarden_is -a at -d 'The probe gas of the adjustable temperature'
@@ -62,9 +62,13 @@ complete -c fieldwarden -n '__fieldwarden_is log show' -l csv -d 'As CSV with a 
 
 complete -c fieldwarden -n '__fieldwarden_is lock' -a scan -d 'Look for signals over the whole range'
 complete -c fieldwarden -n '__fieldwarden_is lock scan' -l plot -r -F -d 'A picture, too'
-complete -c fieldwarden -n '__fieldwarden_is dump' -a 'fid fft canopen'
-complete -c fieldwarden -n '__fieldwarden_is dump' -F
-for command in run dump
+complete -c fieldwarden -n '__fieldwarden_is dump' -a fid -d 'The lock signal in time'
+complete -c fieldwarden -n '__fieldwarden_is dump' -a fft -d 'The spectrum of the lock signal'
+complete -c fieldwarden -n '__fieldwarden_is dump' -a canopen -d 'All objects of the boards'
+complete -c fieldwarden -n '__fieldwarden_is dump fid' -F
+complete -c fieldwarden -n '__fieldwarden_is dump fft' -F
+complete -c fieldwarden -n '__fieldwarden_is dump canopen' -a '(__fish_complete_directories)'
+for command in run dump 'dump fid' 'dump fft'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l frequency -x -d 'The magnet frequency in MHz'
 end
 
@@ -75,16 +79,17 @@ complete -c fieldwarden -n '__fieldwarden_is plot' -l fft -d 'Points in frequenc
 complete -c fieldwarden -n '__fieldwarden_is plot' -l json -d 'As JSON, for programs'
 complete -c fieldwarden -n '__fieldwarden_is plot' -l quiet -s q -d 'The bare values'
 
-for command in run registers dump temperature 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows'
+for command in run registers dump 'dump fid' 'dump fft' 'dump canopen' temperature 'lock scan' 'shim list' 'shim get' \
+    'shim set' 'shim current' 'shim load' 'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l lock -x -a 'mock real' -d 'Which lock'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l time-scale -x -d 'Simulated seconds in a real second'
     if test $command != 'shim system'
         complete -c fieldwarden -n "__fieldwarden_is $command" -l system -x -a '8 9 10 11' -d 'The shim system'
     end
 end
-for command in run registers dump temperature 'lock scan' 'shim list' 'shim get' 'shim set' 'shim current' 'shim load' \
-    'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows' 'log list' 'log show' 'log plot'
+for command in run registers dump 'dump fid' 'dump fft' 'dump canopen' temperature 'lock scan' 'shim list' 'shim get' \
+    'shim set' 'shim current' 'shim load' 'shim save' 'shim relations' 'shim system' 'at exchange' 'at flows' \
+    'log list' 'log show' 'log plot'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l simulate -d 'On the simulated instrument'
     complete -c fieldwarden -n "__fieldwarden_is $command" -l data -x -a '(__fish_complete_directories)' \
         -d 'Folder of the instrument'

@@ -42,7 +42,14 @@ class Arguments(WithoutMockDirectory):
     def test_wrong_arguments_end_with_the_reason_and_the_usage(self):
         for arguments, words in ((['fly'], 'fly'), ([], 'subcommand'), (['run', '--time-scale', '0'], '--time-scale'),
                                  (['run', '--for', 'soon'], 'soon'), (['run', '--for', '-1'], '--for'),
-                                 (['run', '--lock', 'none'], 'none'), (['run', '--faster'], '--faster')):
+                                 (['run', '--lock', 'none'], "'none' is none of mock, real"), (['run', '--lock', '0'], "'0' is none of"),
+                                 (['run', '--for', 'nan'], "'nan' is no number from 0"),
+                                 (['run', '--for', '1e300'], "'1e300' is no number from 0"),
+                                 (['at', 'exchange', '--wait', 'nan'], "'nan' is no number from 0"),
+                                 (['run', '--time-scale', 'nan'], "'nan' is no number above 0 and at most 10000"),
+                                 (['run', '--time-scale', '10001'], '--time-scale'),
+                                 (['dump', 'mri', 'x.h5'], "'mri' is none of canopen, fft, fid"),
+                                 (['run', '--faster'], '--faster')):
             self.assertIn('usage: fieldwarden', self.assert_refused(arguments, words))
 
     def test_a_time_scale_without_simulation_is_refused(self):
@@ -60,7 +67,8 @@ class Arguments(WithoutMockDirectory):
         with tempfile.NamedTemporaryFile() as file:
             code, out, err = run('run', '--simulate', '--lock', 'mock', '--for', '0', '--data', file.name + '/x')
             self.assertEqual(code, 1)
-            self.assertIn(file.name, err)
+            self.assertIn(f"Cannot make the folder '{file.name}/x': Not a directory", err)
+        self.assert_refused(['run', '--simulate', '--data', ''], '--data needs the name of a folder')
 
 
 class Run(WithoutMockDirectory):
@@ -152,12 +160,77 @@ class Run(WithoutMockDirectory):
             self.assertIn('actually closed', (root / 'var/log/libFieldwarden.log').read_text())
             self.assertIn('MOCK', (root / 'data/logs/libFieldwarden.nvlog').read_text())
 
+    def test_a_damaged_log_of_the_data_logger_is_told_once(self):
+        with tempfile.TemporaryDirectory() as folder:
+            process = start('run', '--simulate', '--lock', 'mock', '--json', '--for', '4', '--data', folder)
+            lines_until(process, lambda line: '"opened"' in line)
+            file, = pathlib.Path(folder).glob('**/datalogger.sqlite')
+            for each in file.parent.glob('datalogger.sqlite*'):
+                each.unlink()  # The library goes on with the files that it has open.
+            file.write_text('This is no database, but a text that somebody has put into its place. ' * 99)
+            _, err = process.communicate(timeout=LONG)
+            self.assertEqual(process.returncode, 0, err)
+            self.assertEqual(err.count('the H0 output cannot be shown: '), 1, err)
+            self.assertIn('datalogger.sqlite', err)
+
     def test_a_library_error_ends_with_its_words(self):
         # The real instrument is not here: no CAN interface.
         code, out, err = run('run', '--lock', 'mock')
         self.assertEqual((code, out), (1, ''))
         self.assertIn("CAN interface 'can0'", err)
         self.assertFalse(MOCK.exists())
+
+
+class Signals(WithoutMockDirectory):
+    """Where nothing is said while the work goes on, a signal comes as the library opens."""
+
+    def setUp(self):
+        super().setUp()
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.temporary = self.folder / 'tmp'
+        self.temporary.mkdir()
+
+    def assert_closed_by(self, number, words, *arguments):
+        process = start(*arguments, '--simulate', env={**os.environ, 'TMPDIR': str(self.temporary)})
+        while not list(self.temporary.glob('fieldwarden-*/var/log/libFieldwarden.log')):
+            self.assertIsNone(process.poll())
+        process.send_signal(number)
+        out, err = process.communicate(timeout=LONG)
+        self.assertEqual((process.returncode, out), (4, ''), err)
+        self.assertEqual(err.splitlines()[-1], f'fieldwarden: {words}, closed')
+        self.assertEqual(list(self.temporary.iterdir()), [])
+        self.assertFalse(MOCK.exists())
+
+    def test_registers_closes_in_order_on_ctrl_c(self):
+        self.assert_closed_by(signal.SIGINT, 'Ctrl-C', 'registers')
+
+    def test_temperature_closes_in_order_on_sigterm(self):
+        self.assert_closed_by(signal.SIGTERM, 'SIGTERM', 'temperature', '--lock', 'mock')
+
+    def test_at_flows_closes_in_order_on_ctrl_c(self):
+        self.assert_closed_by(signal.SIGINT, 'Ctrl-C', 'at', 'flows', '--lock', 'mock')
+
+    def test_dump_canopen_closes_in_order_on_sigterm_and_writes_nothing(self):
+        dumps = self.folder / 'dumps'
+        self.assert_closed_by(signal.SIGTERM, 'SIGTERM', 'dump', 'canopen', str(dumps), '--lock', 'mock')
+        self.assertEqual(list(dumps.iterdir()), [])
+
+    def test_the_end_of_the_terminal_closes_in_order_but_not_under_nohup(self):
+        self.assert_closed_by(signal.SIGHUP, 'SIGHUP', 'temperature', '--lock', 'mock')
+        process = start('run', '--simulate', '--lock', 'mock', '--json', '--for', '1.5',
+                        preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+        lines_until(process, lambda line: '"opened"' in line)
+        process.send_signal(signal.SIGHUP)
+        _, err = process.communicate(timeout=LONG)
+        self.assertEqual(process.returncode, 0)
+        self.assertNotIn('SIGHUP', err)
+
+    def test_a_start_of_the_lock_ends_on_ctrl_c_and_nothing_is_kept(self):
+        file = self.folder / 'x.h5'
+        self.assert_closed_by(signal.SIGINT, 'Ctrl-C', 'dump', 'fid', str(file))
+        self.assertFalse(file.exists())
 
 
 class Terminal(WithoutMockDirectory):

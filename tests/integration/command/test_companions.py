@@ -50,6 +50,16 @@ class ManPages(unittest.TestCase):
             page = (PACKAGING / 'man' / f'fieldwarden-{command[0]}.1').read_text()
             self.assertIn('.Nm fieldwarden ' + ' '.join(command), page)
 
+    def test_the_main_page_leads_to_every_subcommand(self):
+        page = (PACKAGING / 'man/fieldwarden.1').read_text()
+        synopsis = page.split('.Sh SYNOPSIS')[1].split('.Sh ')[0]
+        description = page.split('.Sh DESCRIPTION')[1].split('.Sh ')[0]
+        see_also = page.split('.Sh SEE ALSO')[1]
+        names = {command[0] for command in COMMANDS}
+        self.assertEqual(set(re.search(r'^\.Cm (.*)$', synopsis, re.MULTILINE)[1].split(' | ')), names)
+        self.assertEqual(set(re.findall(r'^\.It Cm (\S+)$', description, re.MULTILINE)), names)
+        self.assertEqual(re.findall(r'^\.Xr fieldwarden-(\S+) 1', see_also, re.MULTILINE), sorted(names))
+
     @unittest.skipUnless(shutil.which('man'), 'there is no man')
     def test_they_are_formatted_without_warnings(self):
         for page in self.pages():
@@ -68,6 +78,7 @@ class Completions:
         self.assertEqual(self.offered('fieldwarden', 'shim', ''), set(SHIM))
         self.assertEqual(self.offered('fieldwarden', 'shim', 's'), {'set', 'save', 'system'})
         self.assertEqual(self.offered('fieldwarden', 'log', ''), {'list', 'show', 'plot'})
+        self.assertEqual(self.offered('fieldwarden', 'dump', ''), {'fid', 'fft', 'canopen'})
 
     def test_options_are_those_of_the_help(self):
         for command in COMMANDS:
@@ -76,6 +87,10 @@ class Completions:
 
     def test_an_option_before_the_word_changes_nothing(self):
         self.assertEqual(self.offered('fieldwarden', 'shim', 'get', '--data', 'log', 'Z', '--sy'), {'--system'})
+
+    def test_a_dump_of_the_boards_starts_no_lock(self):
+        self.assertEqual(self.offered('fieldwarden', 'dump', 'fft', '--freq'), {'--frequency'})
+        self.assertEqual(self.offered('fieldwarden', 'dump', 'canopen', '--freq'), set())
 
     def test_values_of_options_and_arguments(self):
         self.assertEqual(self.offered('fieldwarden', 'run', '--lock', ''), {'mock', 'real'})
@@ -88,6 +103,8 @@ class Completions:
         (self.folder / 'sub').mkdir()
         self.assertEqual(self.offered('fieldwarden', 'shim', 'load', 's'), {'shims.txt', 'sub'})
         self.assertEqual(self.offered('fieldwarden', 'run', '--data', 's'), {'sub'})
+        self.assertEqual(self.offered('fieldwarden', 'dump', 'fid', 's'), {'shims.txt', 'sub'})
+        self.assertEqual(self.offered('fieldwarden', 'dump', 'canopen', 's'), {'sub'})
         self.assertEqual(self.offered('fieldwarden', 'plot', 's'), {'shims.txt', 'sub'})
         self.assertEqual(self.offered('fieldwarden', 'plot', 'a.h5', '--out', 'sh'), {'shims.txt'})
 

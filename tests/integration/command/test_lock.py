@@ -98,6 +98,17 @@ class Dump(unittest.TestCase):
         self.assertIn('Please change your spectrometer frequency to 80.123MHz', err)
         self.assertFalse(file.exists())
 
+    def test_a_place_that_takes_no_file_is_refused_before_the_lock_starts(self):
+        for place, why in ((self.folder / 'none/x.png', 'No such file or directory'),
+                           (self.folder / 'x.png/y.png', 'Not a directory'), ('', 'No such file or directory')):
+            (self.folder / 'x.png').touch()
+            for arguments, what in ((['dump', 'fid', str(place)], 'dump'),
+                                    (['lock', 'scan', '--plot', str(place)], 'picture')):
+                if place or what == 'dump':
+                    with self.subTest(arguments):
+                        self.assertEqual(run(*arguments, '--simulate'),
+                                         (1, '', f"fieldwarden: Cannot write the {what} '{place}': {why}\n"))
+
     def test_wrong_arguments(self):
         for arguments in (['dump'], ['dump', 'fid'], ['dump', 'mri', 'x.h5'], ['lock'], ['lock', 'scan', '--plot', 'x.gif',
                                                                                           '--simulate']):

@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 // Writing under a temporary name and renaming.
-#include "apps/fieldwarden/WholeFile.h"
+#include "apps/fieldwarden/WriteWholeFile.h"
 
 #include <cerrno>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
 
+#include <unistd.h>
+
 namespace libfieldwarden::app {
 
 namespace {
+
+/// @param aError  Of errno; 0 where nobody knows why.
+[[noreturn]] void refuse(std::filesystem::path const& aPath, std::string const& aWhat, int aError) {
+    std::string const why = aError == 0 ? "" : ": " + std::generic_category().message(aError);
+    throw std::runtime_error("Cannot write the " + aWhat + " '" + aPath.string() + "'" + why);
+}
 
 /// @param aInto  Where the bytes go; the words name the file itself, aPath.
 void write(std::filesystem::path const& aInto,
@@ -21,8 +29,7 @@ void write(std::filesystem::path const& aInto,
     file << aBytes;
     file.close();
     if (!file) {
-        std::string const why = errno == 0 ? "" : ": " + std::generic_category().message(errno);
-        throw std::runtime_error("Cannot write the " + aWhat + " '" + aPath.string() + "'" + why);
+        refuse(aPath, aWhat, errno);
     }
 }
 
@@ -47,6 +54,21 @@ void writeWholeFile(std::filesystem::path const& aPath, std::string const& aByte
         write(aPath, aBytes, aPath, aWhat);
     } else {
         replace(aPath, aBytes, aWhat);
+    }
+}
+
+void checkPlaceOf(std::filesystem::path const& aPath, std::string const& aWhat) {
+    auto const there = std::filesystem::status(aPath);
+    if (aPath.empty() || std::filesystem::is_directory(there)) {
+        refuse(aPath, aWhat, aPath.empty() ? ENOENT : EISDIR);
+    }
+    bool const direct = std::filesystem::exists(there) && !std::filesystem::is_regular_file(there);
+    auto const folder = std::filesystem::weakly_canonical(std::filesystem::absolute(aPath)).parent_path();
+    if (std::filesystem::exists(folder) && !std::filesystem::is_directory(folder)) {
+        refuse(aPath, aWhat, ENOTDIR);
+    }
+    if (access((direct ? aPath : folder).c_str(), W_OK) != 0) {
+        refuse(aPath, aWhat, errno);
     }
 }
 

@@ -15,4 +15,9 @@ namespace libfieldwarden::app {
 /// @throws std::runtime_error  when it cannot be written; what stood there is still there then.
 void writeWholeFile(std::filesystem::path const& aPath, std::string const& aBytes, std::string const& aWhat);
 
+/// Looks whether writeWholeFile() could write there now, so that nobody waits minutes for what then has no
+/// place.
+/// @throws std::runtime_error  when it could not, in the words of writeWholeFile().
+void checkPlaceOf(std::filesystem::path const& aPath, std::string const& aWhat);
+
 } // namespace libfieldwarden::app
