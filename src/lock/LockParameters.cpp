@@ -8,7 +8,10 @@
 
 #include <array>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include <boost/program_options/options_description.hpp>
@@ -70,6 +73,20 @@ options::options_description describeFile() {
     return file;
 }
 
+/// Boost replaces placeholders such as "%value%" in the words of its errors, and does so for ever where the
+/// text that it puts in holds the same placeholder.
+void refusePlaceholder(std::string_view aLine) {
+    static constexpr std::array<std::string_view, 6> kPlaceholders{
+        "%canonical_option%", "%invalid_line%", "%option%", "%original_token%", "%prefix%", "%value%"};
+    auto const setting = aLine.substr(0, aLine.find('#'));
+    for (auto const placeholder : kPlaceholders) {
+        if (setting.find(placeholder) != std::string_view::npos) {
+            throw std::runtime_error("the options configuration file contains an invalid line '" +
+                                     std::string(setting) + "'");
+        }
+    }
+}
+
 } // namespace
 
 LockParameters::LockParameters(std::string path)
@@ -125,12 +142,17 @@ void LockParameters::overrideFromFile(std::string const& path) {
 options::variables_map LockParameters::parseFile(std::istream& aFile) const {
     constexpr bool kAllowUnregistered = true;
     options::options_description const description = describeFile();
-    options::variables_map values;
-    options::store(options::parse_config_file(aFile, description, kAllowUnregistered), values);
-    options::notify(values);
+    std::stringstream text;
+    for (std::string line; std::getline(aFile, line);) {
+        refusePlaceholder(line);
+        text << line << '\n';
+    }
     if (aFile.bad()) { // a folder opens like a file and fails only here
         throw std::runtime_error("the file cannot be read");
     }
+    options::variables_map values;
+    options::store(options::parse_config_file(text, description, kAllowUnregistered), values);
+    options::notify(values);
     return values;
 }
 

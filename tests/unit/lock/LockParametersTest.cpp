@@ -419,6 +419,19 @@ TEST_F(LockParametersTest, RefusesAKeyThatStandsTwice) {
     EXPECT_THAT(refused("[threshold]\nlocked = 1\nlocked = 2\n"), HasSubstr("threshold.locked"));
 }
 
+// Boost's own placeholders, put into its words again and again, would never come to an end.
+TEST_F(LockParametersTest, RefusesAPlaceholderOfItsParser) {
+    EXPECT_THAT(refused("[fred]\norder1 = 0.25%value%\n"),
+                HasSubstr("contains an invalid line 'order1 = 0.25%value%'"));
+    EXPECT_THAT(refused("%invalid_line%\n"), HasSubstr("contains an invalid line '%invalid_line%'"));
+    EXPECT_THAT(refused("[threshold]\nlocked = %canonical_option%"), HasSubstr("an invalid line"));
+}
+
+TEST_F(LockParametersTest, TakesAnyCommentAndAnyOtherPerCentSign) {
+    reload("[threshold]\nlocked = 7 # %value% is 90 %\n[global]\nuseComputed = 0\n[mine]\nnote = 90 %\n");
+    EXPECT_EQ(mParameters.lockedThreshold(), 7.0);
+}
+
 TEST_F(LockParametersTest, RefusesAFolderInTheFilesPlace) {
     ASSERT_EQ(mkdir(path().c_str(), 0700), 0);
     EXPECT_THROW(mParameters.reload(), std::runtime_error);
