@@ -55,8 +55,9 @@ TEST_F(PeriodicCallerManagerTest, CallsFirstAfterOnePeriodAndThenEveryPeriod) {
 
 TEST_F(PeriodicCallerManagerTest, InterleavesJobsByTheirTimes) {
     std::vector<std::string> calls;
-    auto const slow = mManager->createPeriodicCaller(2.0, [&] { calls.emplace_back("slow"); });
+    // The sooner one first: the worker waits for it, whether or not it has noticed the other.
     auto const quick = mManager->createPeriodicCaller(1.5, [&] { calls.emplace_back("quick"); });
+    auto const slow = mManager->createPeriodicCaller(2.0, [&] { calls.emplace_back("slow"); });
     nextCall(); // 1.5 s
     nextCall(); // 2.0 s
     nextCall(); // 3.0 s
